@@ -1,0 +1,20 @@
+// Brings the entry that Halide generates for a variant to the library's exact
+// calling contract. Runs as the last lowering pass, shared by every variant:
+//  - drops the checks the contract does not make (the `dimensions` and
+//    device-dirty tests, and the dim-0 size test that cannot fire);
+//  - hands each parallel loop its real first row (y0, or the intermediate's
+//    first row) instead of zero, so row tasks receive the row itself;
+//  - answers the image's required columns by the footprint of the output
+//    region, not widened by the inward-shifted tile of the wide path (the
+//    residual filters add the output tile region, which they read directly);
+//  - asks `halide_malloc` for an intermediate of exactly its size plus one
+//    spare element.
+#pragma once
+
+#include "stages.h"
+
+namespace flatmorph {
+
+Halide::Internal::IRMutator *make_frame_pass(const FilterDefinition &filter, const Inputs &in, int vector_width);
+
+}  // namespace flatmorph

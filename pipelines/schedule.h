@@ -1,0 +1,16 @@
+// How the stages of a filter are computed: rows in parallel, each row walked in
+// tiles of one vector (the last tile shifted inward) when the image is wider
+// than a vector, sample by sample otherwise. Earlier stages are computed whole
+// before the output stage starts.
+#pragma once
+
+#include "stages.h"
+
+namespace flatmorph {
+
+// Lanes of one tile for an element type under an instruction-set tag.
+int vector_width(const std::string &type_name, const std::string &tag);
+
+void schedule_filter(const FilterDefinition &filter, const Inputs &in, int vector_width);
+
+}  // namespace flatmorph

@@ -1,0 +1,51 @@
+// The algorithm of the six filters: what every sample of every stage is.
+// How the stages are computed (loops, vectors, threads) lives in schedule.h.
+#pragma once
+
+#include "element_rules.h"
+
+#include <Halide.h>
+
+#include <string>
+#include <vector>
+
+namespace flatmorph {
+
+// The three input buffers every variant takes, in argument order.
+struct Inputs {
+    Halide::ImageParam image;   // keyimForType
+    Halide::ImageParam minmax;  // float64 pad table: low pad at (0, 0), high pad at (1, 0)
+    Halide::ImageParam strel;   // uint8 mask; an element is active iff its byte is exactly 1
+
+    explicit Inputs(Halide::Type element);
+};
+
+// One morphological fold over the mask. `accumulator` holds the reduction
+// (identity, then one fold per active mask element, mask rows outer, mask
+// columns inner); `result` is what the stage stores, named after the stage.
+struct Stage {
+    Halide::Func accumulator;
+    Halide::Func result;
+    Halide::RDom mask;
+    // The first row this stage is computed for: the output's own first row for
+    // the output stage, the lowest row the output stage reads for an earlier one.
+    Halide::Expr first_row;
+};
+
+// A whole filter: its stages in execution order, the last one being the output.
+struct FilterDefinition {
+    std::vector<Stage> stages;
+    // The output stage also reads the image at the output's own coordinates.
+    bool reads_image_at_output = false;
+    const Stage &output() const { return stages.back(); }
+};
+
+extern const Halide::Var x, y;
+
+// Defines the filter named `filter` ("imdilate", ..., "imbothat") over `in`.
+FilterDefinition define_filter(const std::string &filter, const Inputs &in);
+
+// Name of the output buffer of a filter ("dilate" for "imdilate", ...).
+std::string output_name(const std::string &filter);
+
+}  // namespace flatmorph

@@ -1,0 +1,45 @@
+# Compiles every variant ahead of time, each in its own compiler process, plus
+# the one standalone runtime, and writes the header of the exported names.
+include(${CMAKE_CURRENT_LIST_DIR}/matrix.cmake)
+
+add_executable(flatmorph_compile
+  pipelines/compile_variant.cpp
+  pipelines/element_rules.cpp
+  pipelines/frame_pass.cpp
+  pipelines/schedule.cpp
+  pipelines/stages.cpp
+  pipelines/targets.cpp)
+target_link_libraries(flatmorph_compile PRIVATE Halide::Halide)
+
+set(FLATMORPH_GEN_DIR ${CMAKE_BINARY_DIR}/variants)
+file(MAKE_DIRECTORY ${FLATMORPH_GEN_DIR})
+set(FLATMORPH_VARIANT_OBJECTS "")
+set(FLATMORPH_ENTRY_SOURCES "")
+set(FLATMORPH_DECLARATIONS "")
+
+macro(flatmorph_add_variant filter type tag)
+  set(_v ${filter}_${type}_${tag})
+  set(_base ${FLATMORPH_GEN_DIR}/${_v})
+  add_custom_command(
+    OUTPUT ${_base}.o ${_base}_entry.c
+    COMMAND flatmorph_compile variant ${filter} ${type} ${tag} ${FLATMORPH_GEN_DIR}
+    COMMAND ${CMAKE_OBJCOPY} @${_base}.symbols ${_base}.raw.o ${_base}.o
+    DEPENDS flatmorph_compile
+    COMMENT "Compiling pipeline ${_v}"
+    VERBATIM)
+  list(APPEND FLATMORPH_VARIANT_OBJECTS ${_base}.o)
+  list(APPEND FLATMORPH_ENTRY_SOURCES ${_base}_entry.c)
+  string(APPEND FLATMORPH_DECLARATIONS "FLATMORPH_DECLARE(${_v})\n")
+endmacro()
+flatmorph_foreach_variant(flatmorph_add_variant)
+
+set(FLATMORPH_RUNTIME_OBJECT ${FLATMORPH_GEN_DIR}/halide_runtime.o)
+add_custom_command(
+  OUTPUT ${FLATMORPH_RUNTIME_OBJECT}
+  COMMAND flatmorph_compile runtime ${FLATMORPH_RUNTIME_OBJECT}
+  DEPENDS flatmorph_compile
+  COMMENT "Compiling the Halide runtime"
+  VERBATIM)
+
+set(FLATMORPH_INCLUDE_DIR ${CMAKE_BINARY_DIR}/include)
+configure_file(pipelines/flatmorph.h.in ${FLATMORPH_INCLUDE_DIR}/flatmorph.h @ONLY)
