@@ -1,0 +1,134 @@
+#include "reference.h"
+
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <map>
+#include <memory>
+
+namespace fmtest {
+
+int se_origin(int extent) {
+    const int half = (extent + 1) >> 1;
+    float f = static_cast<float>(half);
+    f = std::floor(f);
+    f = f + -1.0f;
+    return static_cast<int>(f);
+}
+
+double convert_pad(const ElemInfo &e, double d) {
+    if (e.elem == Elem::Float64) return d;
+    if (e.elem == Elem::Float32) return static_cast<float>(d);
+    if (e.elem == Elem::UInt32) {
+        const bool fits = d >= -9223372036854775808.0 && d < 9223372036854775808.0;
+        const int64_t wide = fits ? static_cast<int64_t>(d) : std::numeric_limits<int64_t>::min();
+        return static_cast<uint32_t>(wide);
+    }
+    const bool fits = d >= -2147483648.0 && d < 2147483648.0;
+    const int32_t whole = fits ? static_cast<int32_t>(d) : std::numeric_limits<int32_t>::min();
+    switch (e.elem) {
+    case Elem::Bool: return whole & 1;
+    case Elem::Int8: return static_cast<int8_t>(whole);
+    case Elem::UInt8: return static_cast<uint8_t>(whole);
+    case Elem::Int16: return static_cast<int16_t>(whole);
+    case Elem::UInt16: return static_cast<uint16_t>(whole);
+    default: return whole;
+    }
+}
+
+double saturating_difference(const ElemInfo &e, double a, double b) {
+    double d = a - b;  // exact for every integer type
+    const double hi = e.highest(), lo = e.lowest();
+    d = d < hi ? d : hi;  // NaN goes to hi
+    d = d > lo ? d : lo;
+    if (e.elem == Elem::Float32) return static_cast<float>(d);
+    return d;
+}
+
+namespace {
+
+using Source = std::function<double(int a, int b)>;
+
+// The fold of one sample: identity, then every active element in mask order
+// (rows outer, columns inner). Dilation reflects the mask, erosion does not.
+double morph(const Problem &p, bool dilation, int x, int y, const Source &source) {
+    const int cx = se_origin(p.mask.sx), cy = se_origin(p.mask.sy);
+    double acc = dilation ? p.elem->lowest() : p.elem->highest();
+    for (int j = 0; j < p.mask.sy; j++) {
+        for (int k = 0; k < p.mask.sx; k++) {
+            if (!p.mask.active(k, j)) continue;
+            const double s = dilation ? source(x + cx - k, y + cy - j) : source(x + k - cx, y + j - cy);
+            acc = dilation ? (acc > s ? acc : s) : (acc < s ? acc : s);
+        }
+    }
+    return acc;
+}
+
+double image_at(const Problem &p, int a, int b) {
+    return p.pixels[static_cast<size_t>(b - p.image.y0) * p.image.w + (a - p.image.x0)];
+}
+
+Source padded_image(const Problem &p, double pad) {
+    return [&p, pad](int a, int b) {
+        const bool inside = a >= p.image.x0 && a < p.image.x1() && b >= p.image.y0 && b < p.image.y1();
+        return inside ? image_at(p, a, b) : pad;
+    };
+}
+
+// A first stage, evaluated on demand and remembered.
+Source memoized(Source stage) {
+    auto cache = std::make_shared<std::map<std::pair<int, int>, double>>();
+    return [cache, stage](int a, int b) {
+        auto found = cache->find({a, b});
+        if (found != cache->end()) return found->second;
+        return (*cache)[{a, b}] = stage(a, b);
+    };
+}
+
+}  // namespace
+
+std::vector<double> reference_output(const Problem &p) {
+    const double low = convert_pad(*p.elem, p.low_pad), high = convert_pad(*p.elem, p.high_pad);
+    std::function<double(int, int)> sample;
+    switch (p.filter->filter) {
+    case Filter::Dilate:
+        sample = [&](int x, int y) { return morph(p, true, x, y, padded_image(p, low)); };
+        break;
+    case Filter::Erode:
+        sample = [&](int x, int y) { return morph(p, false, x, y, padded_image(p, high)); };
+        break;
+    case Filter::Open:
+    case Filter::TopHat: {
+        // Erosion in the image's rectangle, then dilation in the zero-based frame.
+        Source eroded = memoized([&](int u, int v) { return morph(p, false, u, v, padded_image(p, high)); });
+        Source framed = [&, eroded](int a, int b) {
+            const bool inside = a >= 0 && a < p.image.w && b >= 0 && b < p.image.h;
+            return inside ? eroded(a, b) : low;
+        };
+        sample = [&, framed](int x, int y) {
+            const double opened = morph(p, true, x, y, framed);
+            if (p.filter->filter == Filter::Open) return opened;
+            return saturating_difference(*p.elem, image_at(p, x, y), opened);
+        };
+        break;
+    }
+    case Filter::Close:
+    case Filter::BotHat: {
+        // Dilation with the low pad, then an erosion of it with no boundary at all.
+        Source dilated = memoized([&](int u, int v) { return morph(p, true, u, v, padded_image(p, low)); });
+        sample = [&, dilated](int x, int y) {
+            const double closed = morph(p, false, x, y, dilated);
+            if (p.filter->filter == Filter::Close) return closed;
+            return saturating_difference(*p.elem, closed, image_at(p, x, y));
+        };
+        break;
+    }
+    }
+    std::vector<double> out;
+    out.reserve(static_cast<size_t>(p.output.w) * p.output.h);
+    for (int y = p.output.y0; y < p.output.y1(); y++)
+        for (int x = p.output.x0; x < p.output.x1(); x++) out.push_back(sample(x, y));
+    return out;
+}
+
+}  // namespace fmtest
