@@ -5,6 +5,7 @@
 
 #include <HalideRuntime.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,8 @@ struct FilterInfo {
     bool residual() const { return filter == Filter::TopHat || filter == Filter::BotHat; }
     bool erosion_first() const { return filter == Filter::Open || filter == Filter::TopHat; }
 };
+
+inline void PrintTo(const FilterInfo &f, std::ostream *os) { *os << f.name; }
 
 const std::vector<FilterInfo> &all_filters();
 const FilterInfo &filter(const std::string &name);

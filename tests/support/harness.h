@@ -5,6 +5,7 @@
 #include "reference.h"
 
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,9 @@ struct Variant {
     std::string name() const { return std::string(filter->name) + "_" + elem->name + "_" + tag; }
     int vw() const { return vector_width(*elem, tag); }
 };
+
+// Test output names a variant by its exported name.
+inline void PrintTo(const Variant &v, std::ostream *os) { *os << v.name(); }
 
 std::vector<Variant> all_variants();
 
