@@ -1,0 +1,141 @@
+// Row-parallel dispatch as a host sees it through halide_do_par_for: the hook
+// the library registers at load runs rows under TBB, keeps a failing status
+// without stopping any row, and passes the first row itself.
+#include "support/random_problem.h"
+#include "support/regions.h"
+
+#include <HalideRuntime.h>
+#include <gtest/gtest.h>
+#include <tbb/task_arena.h>
+
+#include <atomic>
+#include <climits>
+#include <mutex>
+#include <set>
+
+using namespace fmtest;
+
+namespace {
+
+// A task that records its rows and fails on chosen ones.
+struct Rows {
+    std::mutex mutex;
+    std::multiset<int> seen;
+    std::map<int, int> failures;  // row -> status
+    std::atomic<bool> outside_tbb{false};
+};
+
+int record_row(void *, int row, uint8_t *closure) {
+    Rows &rows = *reinterpret_cast<Rows *>(closure);
+    if (tbb::this_task_arena::current_thread_index() == tbb::task_arena::not_initialized) rows.outside_tbb = true;
+    std::lock_guard<std::mutex> lock(rows.mutex);
+    rows.seen.insert(row);
+    auto failure = rows.failures.find(row);
+    return failure == rows.failures.end() ? 0 : failure->second;
+}
+
+int run_loop(Rows &rows, int min, int size) {
+    return halide_do_par_for(nullptr, record_row, min, size, reinterpret_cast<uint8_t *>(&rows));
+}
+
+TEST(Dispatch, RangesAndStatus) {
+    struct Case {
+        const char *what;
+        int min, size;
+        std::map<int, int> failures;
+        int rows_run;
+        std::set<int> statuses;  // acceptable results
+    };
+    const std::vector<Case> cases = {
+        {"empty", 5, 0, {}, 0, {0}},
+        {"negative size", 5, -3, {}, 0, {0}},
+        {"wrapping past INT_MAX looks empty", INT_MAX - 2, 10, {}, 0, {0}},
+        {"one row", -7, 1, {}, 1, {0}},
+        {"negative rows are coordinates", -20, 15, {}, 15, {0}},
+        {"row 3 of 10 fails: all rows run", 0, 10, {{3, -7}}, 10, {-7}},
+        {"two failing rows give one of them", 100, 64, {{110, -1}, {150, -2}}, 64, {-1, -2}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        Rows rows;
+        rows.failures = c.failures;
+        const int status = run_loop(rows, c.min, c.size);
+        EXPECT_TRUE(c.statuses.count(status)) << status;
+        ASSERT_EQ(static_cast<int>(rows.seen.size()), c.rows_run);
+        if (c.rows_run > 0) {
+            EXPECT_EQ(*rows.seen.begin(), c.min);
+            EXPECT_EQ(*rows.seen.rbegin(), c.min + c.size - 1);
+            EXPECT_EQ(std::set<int>(rows.seen.begin(), rows.seen.end()).size(), rows.seen.size()) << "a row ran twice";
+        }
+        EXPECT_FALSE(rows.outside_tbb) << "a row ran outside TBB";
+    }
+}
+
+// Each row goes through halide_do_task, so a host's do_task hook applies.
+std::atomic<int> tasks_seen{0};
+int counting_do_task(void *uc, halide_task_t f, int row, uint8_t *closure) {
+    tasks_seen++;
+    return f(uc, row, closure);
+}
+
+TEST(Dispatch, RowsGoThroughDoTask) {
+    Rows rows;
+    tasks_seen = 0;
+    halide_do_task_t previous = halide_set_custom_do_task(counting_do_task);
+    EXPECT_EQ(run_loop(rows, 3, 25), 0);
+    halide_set_custom_do_task(previous);
+    EXPECT_EQ(tasks_seen.load(), 25);
+}
+
+// The pipelines hand the hook their first row and row count.
+struct LoopCall {
+    int min, size;
+};
+std::vector<LoopCall> loop_calls;
+halide_do_par_for_t library_hook = nullptr;
+
+int recording_do_par_for(void *uc, halide_task_t f, int min, int size, uint8_t *closure) {
+    loop_calls.push_back({min, size});
+    return library_hook(uc, f, min, size, closure);
+}
+
+TEST(Dispatch, LoopsStartAtTheirFirstRow) {
+    std::mt19937 rng(7);
+    library_hook = halide_set_custom_do_par_for(recording_do_par_for);
+    for (const Variant &v : all_variants()) {
+        if (v.tag != "none" || v.elem->elem != Elem::UInt8) continue;
+        SCOPED_TRACE(v.name());
+        for (int i = 0; i < 20; i++) {
+            const Problem p = random_problem(v, rng);
+            loop_calls.clear();
+            ASSERT_EQ(check_against_reference(v, p), "");
+            const size_t first = v.filter->two_stage() ? 1 : 0;
+            ASSERT_EQ(loop_calls.size(), first + 1);
+            EXPECT_EQ(loop_calls[first].min, p.output.y0);
+            EXPECT_EQ(loop_calls[first].size, p.output.h);
+            if (v.filter->two_stage()) {
+                const Intermediate m = intermediate(*v.filter, *v.elem, v.vw(), p.image, p.mask.sx, p.mask.sy, p.output);
+                EXPECT_EQ(loop_calls[0].min, m.first_row);
+                EXPECT_EQ(loop_calls[0].size, m.rows);
+            }
+        }
+    }
+    halide_set_custom_do_par_for(library_hook);
+}
+
+// The result does not depend on the number of threads.
+TEST(Dispatch, SingleThreadArenaGivesTheSameResults) {
+    std::mt19937 rng(11);
+    tbb::task_arena one_thread(1);
+    for (const Variant &v : all_variants()) {
+        if (v.tag != "none") continue;
+        for (int i = 0; i < 5; i++) {
+            const Problem p = random_problem(v, rng);
+            std::string mismatch;
+            one_thread.execute([&] { mismatch = check_against_reference(v, p); });
+            ASSERT_EQ(mismatch, "") << v.name();
+        }
+    }
+}
+
+}  // namespace
