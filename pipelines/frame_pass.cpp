@@ -2,6 +2,7 @@
 
 #include <map>
 #include <set>
+#include <stdexcept>
 
 using namespace Halide;
 using namespace Halide::Internal;
@@ -69,14 +70,23 @@ protected:
 
     Stmt visit(const Allocate *op) override {
         if (op->new_expr.defined() || op->constant_allocation_size() > 0) return IRMutator::visit(op);
+        // The block's element count, from extents taken as unsigned 32-bit
+        // numbers; two of them cannot overflow 64 bits.
+        if (op->extents.size() != 2) throw std::logic_error("an intermediate is not two-dimensional: " + op->name);
+        Expr count = make_const(UInt(64), 1);
+        for (const Expr &extent : op->extents) count *= cast(UInt(64), cast(UInt(32), extent));
+        const uint64_t bytes = op->type.bytes(), limit = 0x7fffffffffffffffULL;
+        Expr size = count * make_const(UInt(64), bytes);
+        // Judged on the exact product, so that a size that wraps 64 bits is refused too.
+        Stmt size_check = AssertStmt::make(
+            count <= make_const(UInt(64), limit / bytes),
+            Call::make(Int(32), "halide_error_buffer_allocation_too_large",
+                       {op->name, size, make_const(UInt(64), limit)}, Call::Extern));
         // Exactly one spare element behind the block, whatever the element size.
-        Expr bytes = make_const(UInt(64), op->type.bytes());
-        Expr size = bytes;
-        for (const Expr &extent : op->extents) size *= cast(UInt(64), cast(UInt(32), extent));
         // The user context goes in first by itself: halide_malloc is a runtime call.
-        Expr block = Call::make(Handle(), "halide_malloc", {size + bytes}, Call::Extern);
-        return Allocate::make(op->name, op->type, op->memory_type, op->extents, op->condition,
-                              mutate(op->body), block, "halide_free");
+        Expr block = Call::make(Handle(), "halide_malloc", {size + make_const(UInt(64), bytes)}, Call::Extern);
+        return Block::make(size_check, Allocate::make(op->name, op->type, op->memory_type, op->extents, op->condition,
+                                                      mutate(op->body), block, "halide_free"));
     }
 
 private:

@@ -7,8 +7,9 @@
 //  - answers the image's required columns by the footprint of the output
 //    region, not widened by the inward-shifted tile of the wide path (the
 //    residual filters add the output tile region, which they read directly);
-//  - asks `halide_malloc` for an intermediate of exactly its size plus one
-//    spare element.
+//  - checks the size of an intermediate on the exact product (Halide's own
+//    check misses sizes that wrap 64 bits) and asks `halide_malloc` for
+//    exactly that size plus one spare element.
 #pragma once
 
 #include "stages.h"
