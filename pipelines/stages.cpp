@@ -33,8 +33,10 @@ Sampler padded_image(const Inputs &in, Expr pad) {
     return [&in, pad](Expr a, Expr b) {
         Expr ix0 = in.image.dim(0).min(), ix1 = ix0 + in.image.dim(0).extent();
         Expr iy0 = in.image.dim(1).min(), iy1 = iy0 + in.image.dim(1).extent();
-        Expr inside = a >= ix0 && a < ix1 && b >= iy0 && b < iy1;
-        return select(likely(inside), in.image(clamp(a, ix0, ix1 - 1), clamp(b, iy0, iy1 - 1)), pad);
+        // Row and column tests are separate so that the mask loops can be
+        // partitioned on each: the middle rows and interior columns test nothing.
+        Expr load = in.image(clamp(a, ix0, ix1 - 1), clamp(b, iy0, iy1 - 1));
+        return select(likely(b >= iy0 && b < iy1), select(likely(a >= ix0 && a < ix1), load, pad), pad);
     };
 }
 
