@@ -45,8 +45,8 @@ Sampler padded_image(const Inputs &in, Expr pad) {
 Sampler framed_stage(const Inputs &in, Func earlier, Expr pad) {
     return [&in, earlier, pad](Expr a, Expr b) {
         Expr iw = in.image.dim(0).extent(), ih = in.image.dim(1).extent();
-        Expr inside = a >= 0 && a < iw && b >= 0 && b < ih;
-        return select(likely(inside), earlier(clamp(a, 0, iw - 1), clamp(b, 0, ih - 1)), pad);
+        Expr load = earlier(clamp(a, 0, iw - 1), clamp(b, 0, ih - 1));
+        return select(likely(b >= 0 && b < ih), select(likely(a >= 0 && a < iw), load, pad), pad);
     };
 }
 
