@@ -1,7 +1,6 @@
 #include "frame_pass.h"
 
 #include <map>
-#include <set>
 #include <stdexcept>
 
 using namespace Halide;
@@ -19,23 +18,16 @@ bool starts_with(const std::string &s, const std::string &prefix) { return s.rfi
 
 class FramePass : public IRMutator {
 public:
-    FramePass(const FilterDefinition &filter, const Inputs &in, int vw)
-        : wide_(simplify(in.image.dim(0).extent() > vw)) {
+    FramePass(const FilterDefinition &filter, const Inputs &in, int vw) {
         for (const Stage &stage : filter.stages) first_rows_[stage.result.name() + ".s0.y"] = stage.first_row;
+        for (int d = 0; d < 2; d++) image_reach_[d] = filter.image_reach[d];
         if (filter.reads_image_at_output) {
-            Expr x0 = filter.output().result.output_buffer().dim(0).min();
-            Expr x1 = x0 + filter.output().result.output_buffer().dim(0).extent();
-            output_tile_min_ = x1 - vw;
+            // The wide path also reads the image under the inward-shifted last tile.
+            const OutputImageParam out = filter.output().result.output_buffer();
+            Expr x1 = out.dim(0).min() + out.dim(0).extent();
+            Expr wide = in.image.dim(0).extent() > vw;
+            image_reach_[0].lo = select(wide, min(image_reach_[0].lo, x1 - vw), image_reach_[0].lo);
         }
-    }
-
-    using IRMutator::mutate;
-    Stmt mutate(const Stmt &s) override {
-        if (!surveyed_) {
-            surveyed_ = true;
-            survey_image_region(s);
-        }
-        return IRMutator::mutate(s);
     }
 
 protected:
@@ -51,10 +43,23 @@ protected:
         return IRMutator::visit(op);
     }
 
+    // Halide names the required region of an input <name>.min.<d>.required and
+    // <name>.extent.<d>.required, or <name>.extent.<d>.required.s for the
+    // extent less one; the image's are answered from its reach.
     Stmt visit(const LetStmt *op) override {
-        auto corrected = image_region_.find(op->name);
-        if (corrected == image_region_.end()) return IRMutator::visit(op);
-        return LetStmt::make(op->name, corrected->second, mutate(op->body));
+        const std::string prefix = "keyimForType.";
+        if (!starts_with(op->name, prefix) || op->name.find(".required") == std::string::npos)
+            return IRMutator::visit(op);
+        Expr value;
+        for (int d = 0; d < 2; d++) {
+            const std::string dim = std::to_string(d);
+            const Span &reach = image_reach_[d];
+            if (op->name == prefix + "min." + dim + ".required") value = reach.lo;
+            if (op->name == prefix + "extent." + dim + ".required") value = reach.hi - reach.lo;
+            if (op->name == prefix + "extent." + dim + ".required.s") value = reach.hi - reach.lo - 1;
+        }
+        if (!value.defined()) throw std::logic_error("unexpected region variable " + op->name);
+        return LetStmt::make(op->name, simplify(value), mutate(op->body));
     }
 
     Stmt visit(const For *op) override {
@@ -99,44 +104,8 @@ private:
         return extent && ends_with(extent->name, ".extent.0");
     }
 
-    // Collects the lets of the image's required dim-0 region and works out
-    // their corrected values (see the header comment).
-    void survey_image_region(const Stmt &s) {
-        std::map<std::string, Expr> lets;
-        class Collector : public IRVisitor {
-        public:
-            std::map<std::string, Expr> &lets;
-            explicit Collector(std::map<std::string, Expr> &l) : lets(l) {}
-            using IRVisitor::visit;
-            void visit(const LetStmt *op) override {
-                if (starts_with(op->name, "keyimForType.") && op->name.find(".0.required") != std::string::npos) {
-                    lets[op->name] = op->value;
-                }
-                IRVisitor::visit(op);
-            }
-        } collector(lets);
-        s.accept(&collector);
-
-        const std::string min_name = "keyimForType.min.0.required";
-        if (!lets.count(min_name)) return;
-        Expr footprint_min = simplify(substitute(wide_, const_false(), lets[min_name]));
-        Expr new_min = footprint_min;
-        if (output_tile_min_.defined()) new_min = simplify(select(wide_, min(footprint_min, output_tile_min_), footprint_min));
-        for (const auto &[name, value] : lets) {
-            if (name == min_name) {
-                image_region_[name] = new_min;
-            } else if (starts_with(name, "keyimForType.extent.0.required")) {
-                // The region's end stays; the extent grows by what the min moved.
-                image_region_[name] = simplify(substitute(wide_, const_false(), value) + (footprint_min - new_min));
-            }
-        }
-    }
-
-    Expr wide_;
-    Expr output_tile_min_;
+    Span image_reach_[2];
     std::map<std::string, Expr> first_rows_;
-    std::map<std::string, Expr> image_region_;
-    bool surveyed_ = false;
 };
 
 }  // namespace

@@ -4,9 +4,9 @@
 //    device-dirty tests, and the dim-0 size test that cannot fire);
 //  - hands each parallel loop its real first row (y0, or the intermediate's
 //    first row) instead of zero, so row tasks receive the row itself;
-//  - answers the image's required columns by the footprint of the output
-//    region, not widened by the inward-shifted tile of the wide path (the
-//    residual filters add the output tile region, which they read directly);
+//  - answers the image's required region by the filter's own reach, not
+//    widened by the inward-shifted tiles of the wide path (the residual
+//    filters add the output tile region, which they read directly);
 //  - checks the size of an intermediate on the exact product (Halide's own
 //    check misses sizes that wrap 64 bits) and asks `halide_malloc` for
 //    exactly that size plus one spare element.

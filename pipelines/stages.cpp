@@ -94,35 +94,83 @@ std::string output_name(const std::string &filter) {
     return found->second;
 }
 
+namespace {
+
+// One dimension of a call: the output's and the image's spans, the mask's
+// extent and origin along it.
+struct Axis {
+    Span output, image;
+    Expr extent, origin;
+};
+
+Axis axis(const Inputs &in, const Func &output, const MaskGeometry &m, int d) {
+    Expr o0 = output.output_buffer().dim(d).min(), i0 = in.image.dim(d).min();
+    return {{o0, o0 + output.output_buffer().dim(d).extent()},
+            {i0, i0 + in.image.dim(d).extent()},
+            d == 0 ? m.sx : m.sy,
+            d == 0 ? m.cx : m.cy};
+}
+
+// The coordinates a fold reads for outputs in `out`: a dilation reaches
+// extent - 1 - origin below and origin above, an erosion the other way round.
+Span reach(Fold fold, const Span &out, const Axis &a) {
+    if (fold == Fold::Max) return {out.lo + a.origin + 1 - a.extent, out.hi + a.origin};
+    return {out.lo - a.origin, out.hi + a.extent - 1 - a.origin};
+}
+
+// `s` clamped into [lo, hi), never less than one coordinate wide.
+Span clamped(const Span &s, Expr lo, Expr hi) {
+    return {max(lo, min(s.lo, hi - 1)), max(lo + 1, min(s.hi, hi))};
+}
+
+}  // namespace
+
 FilterDefinition define_filter(const std::string &filter, const Inputs &in) {
     const std::string out = output_name(filter);
     const MaskGeometry m(in);
     Type t = in.image.type();
     Expr low_pad = convert_pad(in.minmax(0, 0), t);
     Expr high_pad = convert_pad(in.minmax(1, 0), t);
+    FilterDefinition def;
 
-    if (filter == "imdilate") return {{fold_stage(out, Fold::Max, in, m, padded_image(in, low_pad))}};
-    if (filter == "imerode") return {{fold_stage(out, Fold::Min, in, m, padded_image(in, high_pad))}};
+    if (filter == "imdilate" || filter == "imerode") {
+        const Fold fold = filter == "imdilate" ? Fold::Max : Fold::Min;
+        def.stages = {fold_stage(out, fold, in, m, padded_image(in, fold == Fold::Max ? low_pad : high_pad))};
+        for (int d = 0; d < 2; d++) {
+            const Axis a = axis(in, def.output().result, m, d);
+            def.image_reach[d] = clamped(reach(fold, a.output, a), a.image.lo, a.image.hi);
+        }
+        return def;
+    }
 
     // The residual filters read the image at the output's own coordinates, unclamped.
-    const bool residual = filter == "imtophat" || filter == "imbothat";
+    def.reads_image_at_output = filter == "imtophat" || filter == "imbothat";
     Expr image_here = in.image(x, y);
-    if (filter == "imopen" || filter == "imtophat") {
+    Finish finish = [](Expr inner) { return inner; };
+    const bool erosion_first = filter == "imopen" || filter == "imtophat";
+    if (erosion_first) {
+        // Erosion in the image's own rectangle, then dilation in the zero-based
+        // frame of the image's extents.
         Stage first = fold_stage("imerode", Fold::Min, in, m, padded_image(in, high_pad));
-        Finish finish = [](Expr opened) { return opened; };
-        if (residual) finish = [=](Expr opened) { return saturating_difference(image_here, opened); };
-        Stage second = fold_stage(out, Fold::Max, in, m, framed_stage(in, first.result, low_pad), finish);
-        // The dilation reaches up to sy - 1 - cy rows above its output, inside the frame.
-        first.first_row = clamp(second.first_row + m.cy + 1 - m.sy, 0, in.image.dim(1).extent() - 1);
-        return {{first, second}, residual};
+        if (def.reads_image_at_output) finish = [=](Expr opened) { return saturating_difference(image_here, opened); };
+        def.stages = {first, fold_stage(out, Fold::Max, in, m, framed_stage(in, first.result, low_pad), finish)};
+    } else {
+        // Dilation with the low pad, then an erosion that reads it as it is.
+        Stage first = fold_stage("imdilate", Fold::Max, in, m, padded_image(in, low_pad));
+        if (def.reads_image_at_output) finish = [=](Expr closed) { return saturating_difference(closed, image_here); };
+        def.stages = {first, fold_stage(out, Fold::Min, in, m, unframed_stage(first.result), finish)};
     }
-    Stage first = fold_stage("imdilate", Fold::Max, in, m, padded_image(in, low_pad));
-    Finish finish = [](Expr closed) { return closed; };
-    if (residual) finish = [=](Expr closed) { return saturating_difference(closed, image_here); };
-    Stage second = fold_stage(out, Fold::Min, in, m, unframed_stage(first.result), finish);
-    // The erosion reaches cy rows above its output, unclamped.
-    first.first_row = second.first_row - m.cy;
-    return {{first, second}, residual};
+    for (int d = 0; d < 2; d++) {
+        const Axis a = axis(in, def.output().result, m, d);
+        // The first stage is defined on what the output stage reads of it.
+        const Span first = erosion_first ? clamped(reach(Fold::Max, a.output, a), 0, a.image.hi - a.image.lo)
+                                         : reach(Fold::Min, a.output, a);
+        Span image = clamped(reach(erosion_first ? Fold::Min : Fold::Max, first, a), a.image.lo, a.image.hi);
+        if (def.reads_image_at_output) image = {min(image.lo, a.output.lo), max(image.hi, a.output.hi)};
+        def.image_reach[d] = image;
+        if (d == 1) def.stages[0].first_row = first.lo;
+    }
+    return def;
 }
 
 }  // namespace flatmorph

@@ -20,6 +20,11 @@ struct Inputs {
     explicit Inputs(Halide::Type element);
 };
 
+// A half-open range [lo, hi) of coordinates along one dimension.
+struct Span {
+    Halide::Expr lo, hi;
+};
+
 // One morphological fold over the mask. `accumulator` holds the reduction
 // (identity, then one fold per active mask element, mask rows outer, mask
 // columns inner); `result` is what the stage stores, named after the stage.
@@ -35,6 +40,10 @@ struct Stage {
 // A whole filter: its stages in execution order, the last one being the output.
 struct FilterDefinition {
     std::vector<Stage> stages;
+    // The part of the image a call reads, per dimension: the footprint of the
+    // stage that reads it over the region that stage is defined on, clamped to
+    // the image (never widened by how a schedule walks the region).
+    Span image_reach[2];
     // The output stage also reads the image at the output's own coordinates.
     bool reads_image_at_output = false;
     const Stage &output() const { return stages.back(); }
