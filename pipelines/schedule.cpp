@@ -48,10 +48,6 @@ void schedule_filter(const FilterDefinition &filter, const Inputs &in, int vw) {
         // outside the tiles, rows outer and columns inner, and each active
         // element is folded into every tile of the group in turn.
         accumulator.compute_at(result, group).bound_storage(x, group_tiles * vw);
-        Var acc_tile("acc_tile"), acc_lane("acc_lane"), acc_group("acc_group"), acc_member("acc_member");
-        accumulator.specialize(wide).split(x, acc_tile, acc_lane, vw, TailStrategy::ShiftInwards).vectorize(acc_lane);
-        Halide::Stage fold = accumulator.update();
-        fold.reorder(x, stage.mask.x, stage.mask.y, y);
         // An update cannot shift its last tile. Where a group is short (the
         // region's end), a fold of the image simply folds a whole group's
         // columns into lanes nobody stores: its loads are clamped, and the
@@ -59,11 +55,16 @@ void schedule_filter(const FilterDefinition &filter, const Inputs &in, int vw) {
         // fold of an earlier stage is guarded instead, since what it reads
         // sizes that stage.
         const TailStrategy tail = stage.reads_earlier_stage ? TailStrategy::GuardWithIf : TailStrategy::RoundUp;
-        fold.specialize(wide)
-            .split(x, acc_tile, acc_lane, vw, tail)
-            .split(acc_tile, acc_group, acc_member, group_tiles, tail)
-            .unroll(acc_member)
-            .vectorize(acc_lane);
+        Var acc_tile("acc_tile"), acc_lane("acc_lane"), acc_group("acc_group"), acc_member("acc_member");
+        Halide::Stage fold = accumulator.update();
+        fold.reorder(x, stage.mask.x, stage.mask.y, y);
+        for (Halide::Stage step : {Halide::Stage(accumulator), fold}) {
+            step.specialize(wide)
+                .split(x, acc_tile, acc_lane, vw, tail)
+                .split(acc_tile, acc_group, acc_member, group_tiles, tail)
+                .unroll(acc_member)
+                .vectorize(acc_lane);
+        }
     }
 }
 
