@@ -4,6 +4,8 @@
 //    device-dirty tests, and the dim-0 size test that cannot fire);
 //  - hands each parallel loop its real first row (y0, or the intermediate's
 //    first row) instead of zero, so row tasks receive the row itself;
+//  - states the output columns a call requires (one whole tile on a wide
+//    image) and checks them in 32-bit wrap-around arithmetic;
 //  - answers the image's required region by the filter's own reach, not
 //    widened by the inward-shifted tiles of the wide path (the residual
 //    filters add the output tile region, which they read directly);
