@@ -9,7 +9,7 @@
 namespace fmtest {
 
 int se_origin(int extent) {
-    const int half = (extent + 1) >> 1;
+    const int half = wrap32(int64_t{extent} + 1) >> 1;
     float f = static_cast<float>(half);
     f = std::floor(f);
     f = f + -1.0f;

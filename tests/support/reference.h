@@ -15,10 +15,13 @@ struct Mask {
     bool active(int k, int j) const { return bytes[static_cast<size_t>(j) * sx + k] == 1; }
 };
 
+// The low 32 bits of v as a signed number: coordinates wrap around at 32 bits.
+inline int32_t wrap32(int64_t v) { return static_cast<int32_t>(static_cast<uint32_t>(v)); }
+
 struct Region {
     int x0 = 0, y0 = 0, w = 0, h = 0;
-    int x1() const { return x0 + w; }
-    int y1() const { return y0 + h; }
+    int x1() const { return wrap32(int64_t{x0} + w); }
+    int y1() const { return wrap32(int64_t{y0} + h); }
 };
 
 struct Problem {

@@ -69,19 +69,21 @@ unsigned __int128 Intermediate::bytes() const {
 Intermediate intermediate(const FilterInfo &f, const ElemInfo &e, int vw, const Region &image, int sx, int sy,
                           const Region &out) {
     const int cx = se_origin(sx), cy = se_origin(sy);
+    // Every sum wraps around at 32 bits, as the entries' arithmetic does.
+    auto sum = [](int64_t v) { return wrap32(v); };
     int l0, r0, t0, b0;
     if (f.erosion_first()) {
-        l0 = max(min(out.x0 + cx + 1 - sx, image.w - 1), 0);
-        r0 = max(min(out.x1() + cx, image.w) - 1, 0);
-        t0 = max(min(out.y0 + cy + 1 - sy, image.h - 1), 0);
-        b0 = max(min(out.y1() + cy, image.h) - 1, 0);
+        l0 = max(min(sum(int64_t{out.x0} + cx + 1 - sx), image.w - 1), 0);
+        r0 = max(min(sum(int64_t{out.x1()} + cx), image.w) - 1, 0);
+        t0 = max(min(sum(int64_t{out.y0} + cy + 1 - sy), image.h - 1), 0);
+        b0 = max(min(sum(int64_t{out.y1()} + cy), image.h) - 1, 0);
     } else {
-        l0 = out.x0 - cx;
-        r0 = out.x1() + sx - cx - 2;
-        t0 = out.y0 - cy;
-        b0 = out.y1() + sy - cy - 2;
+        l0 = sum(int64_t{out.x0} - cx);
+        r0 = sum(int64_t{out.x1()} + sx - cx - 2);
+        t0 = sum(int64_t{out.y0} - cy);
+        b0 = sum(int64_t{out.y1()} + sy - cy - 2);
     }
-    const int ls = image.w > vw ? min(l0, r0 - vw + 1) : l0;
+    const int ls = image.w > vw ? min(l0, sum(int64_t{r0} - vw + 1)) : l0;
     Intermediate m;
     m.first_col = ls;
     m.first_row = t0;
