@@ -14,7 +14,7 @@
 
 #include <fstream>
 #include <iostream>
-#include <map>
+#include <stdexcept>
 #include <vector>
 
 using namespace Halide;
