@@ -74,7 +74,7 @@ void print_report(const Setup &s, const std::vector<Timing> &timings) {
                 s.options.repeat, s.options.repeat == 1 ? "" : "s");
     std::printf("%-10s %-5s %-8s %14s\n", "filter", "tag", "type", "megapixels/s");
     for (const Timing &t : timings)
-        std::printf("%-10s %-5s %-8s %14.1f\n", t.filter, flatmorph::tag_name(s.tag), s.type.c_str(),
+        std::printf("%-10s %-5s %-8s %14.4g\n", t.filter, flatmorph::tag_name(s.tag), s.type.c_str(),
                     t.megapixels_per_second);
     std::printf("\nwrote %s, one PNG per filter and %s\n", output_path(s, "input").c_str(),
                 output_path(s, "contact-sheet").c_str());
