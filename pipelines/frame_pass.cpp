@@ -23,6 +23,7 @@ public:
         for (const Stage &stage : filter.stages) first_rows_[stage.result.name() + ".s0.y"] = stage.first_row;
         state_output_columns(filter.output().result.output_buffer(), in.image.dim(0).extent() > vw, vw);
         for (int d = 0; d < 2; d++) image_reach_[d] = filter.image_reach[d];
+        if (filter.stages.size() == 2) state_intermediate(filter, in.image.dim(0).extent() > vw, vw);
         if (filter.reads_image_at_output) {
             // The wide path also reads the image under the inward-shifted last tile.
             const OutputImageParam out = filter.output().result.output_buffer();
@@ -115,6 +116,11 @@ protected:
         // Exactly one spare element behind the block, whatever the element size.
         // The user context goes in first by itself: halide_malloc is a runtime call.
         Expr block = Call::make(Handle(), "halide_malloc", {size + make_const(UInt(64), bytes)}, Call::Extern);
+        // Where the region wraps around 32 bits, the block the rows would need
+        // cannot be had: it is refused as out of memory before any row runs.
+        Expr sized_as_stated = cast(UInt(32), op->extents[0]) == intermediate_columns_ &&
+                               cast(UInt(32), op->extents[1]) == intermediate_rows_;
+        block = Call::make(Handle(), Call::if_then_else, {sized_as_stated, block, make_zero(Handle())}, Call::PureIntrinsic);
         return Block::make(size_check, Allocate::make(op->name, op->type, op->memory_type, op->extents, op->condition,
                                                       mutate(op->body), block, "halide_free"));
     }
@@ -142,6 +148,18 @@ private:
         columns_ = {x0, last, min_col, max_col, wrap(cast<int64_t>(max_col) - cast<int64_t>(min_col) + 1), fits};
     }
 
+    // The intermediate's columns and rows as the filter states them, in 32-bit
+    // wrap-around arithmetic; on the wide path its columns start early enough
+    // to hold one whole tile.
+    void state_intermediate(const FilterDefinition &filter, Expr wide, int vw) {
+        auto wrap = [](Expr e) { return cast<int32_t>(e); };
+        const Span &columns = filter.intermediate[0], &rows = filter.intermediate[1];
+        Expr last = wrap(cast<int64_t>(columns.hi) - 1);
+        Expr first = select(wide, min(columns.lo, wrap(cast<int64_t>(last) - (vw - 1))), columns.lo);
+        intermediate_columns_ = cast(UInt(32), wrap(cast<int64_t>(last) - first + 1));
+        intermediate_rows_ = cast(UInt(32), wrap(cast<int64_t>(rows.hi) - rows.lo));
+    }
+
     bool is_output_columns_check(const Call *report) const {
         const StringImm *label = report->args.empty() ? nullptr : report->args[0].as<StringImm>();
         return report->name == "halide_error_access_out_of_bounds" && label &&
@@ -159,6 +177,7 @@ private:
 
     const std::string output_;
     OutputColumns columns_;
+    Expr intermediate_columns_, intermediate_rows_;
     Span image_reach_[2];
     std::map<std::string, Expr> first_rows_;
 };

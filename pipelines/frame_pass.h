@@ -11,7 +11,9 @@
 //    filters add the output tile region, which they read directly);
 //  - checks the size of an intermediate on the exact product (Halide's own
 //    check misses sizes that wrap 64 bits) and asks `halide_malloc` for
-//    exactly that size plus one spare element.
+//    exactly that size plus one spare element; an intermediate whose region
+//    wraps around 32 bits (so its rows would not agree with its size) is
+//    refused as out of memory before any row runs.
 #pragma once
 
 #include "stages.h"

@@ -103,10 +103,20 @@ struct Axis {
     Expr extent, origin;
 };
 
+// Region arithmetic wraps around at 32 bits, as the calling contract says; it
+// is worked in 64 bits and truncated so that no step overflows on the way.
+Expr minus(Expr e) { return -cast<int64_t>(e); }
+
+Expr wrapped_sum(const std::vector<Expr> &terms) {
+    Expr sum = cast<int64_t>(terms[0]);
+    for (size_t i = 1; i < terms.size(); i++) sum += cast<int64_t>(terms[i]);
+    return cast<int32_t>(sum);
+}
+
 Axis axis(const Inputs &in, const Func &output, const MaskGeometry &m, int d) {
     Expr o0 = output.output_buffer().dim(d).min(), i0 = in.image.dim(d).min();
-    return {{o0, o0 + output.output_buffer().dim(d).extent()},
-            {i0, i0 + in.image.dim(d).extent()},
+    return {{o0, wrapped_sum({o0, output.output_buffer().dim(d).extent()})},
+            {i0, wrapped_sum({i0, in.image.dim(d).extent()})},
             d == 0 ? m.sx : m.sy,
             d == 0 ? m.cx : m.cy};
 }
@@ -114,13 +124,13 @@ Axis axis(const Inputs &in, const Func &output, const MaskGeometry &m, int d) {
 // The coordinates a fold reads for outputs in `out`: a dilation reaches
 // extent - 1 - origin below and origin above, an erosion the other way round.
 Span reach(Fold fold, const Span &out, const Axis &a) {
-    if (fold == Fold::Max) return {out.lo + a.origin + 1 - a.extent, out.hi + a.origin};
-    return {out.lo - a.origin, out.hi + a.extent - 1 - a.origin};
+    if (fold == Fold::Max) return {wrapped_sum({out.lo, a.origin, 1, minus(a.extent)}), wrapped_sum({out.hi, a.origin})};
+    return {wrapped_sum({out.lo, minus(a.origin)}), wrapped_sum({out.hi, a.extent, -1, minus(a.origin)})};
 }
 
 // `s` clamped into [lo, hi), never less than one coordinate wide.
 Span clamped(const Span &s, Expr lo, Expr hi) {
-    return {max(lo, min(s.lo, hi - 1)), max(lo + 1, min(s.hi, hi))};
+    return {max(lo, min(s.lo, wrapped_sum({hi, -1}))), max(wrapped_sum({lo, 1}), min(s.hi, hi))};
 }
 
 }  // namespace
@@ -169,6 +179,7 @@ FilterDefinition define_filter(const std::string &filter, const Inputs &in) {
         Span image = clamped(reach(erosion_first ? Fold::Min : Fold::Max, first, a), a.image.lo, a.image.hi);
         if (def.reads_image_at_output) image = {min(image.lo, a.output.lo), max(image.hi, a.output.hi)};
         def.image_reach[d] = image;
+        def.intermediate[d] = first;
         if (d == 1) def.stages[0].first_row = first.lo;
     }
     return def;

@@ -46,6 +46,9 @@ struct FilterDefinition {
     // stage that reads it over the region that stage is defined on, clamped to
     // the image (never widened by how a schedule walks the region).
     Span image_reach[2];
+    // The region a two-stage filter's first stage is defined on, per dimension
+    // (before the wide path widens its columns to a whole tile).
+    Span intermediate[2];
     // The output stage also reads the image at the output's own coordinates.
     bool reads_image_at_output = false;
     const Stage &output() const { return stages.back(); }
