@@ -21,10 +21,10 @@ namespace {
 constexpr uint64_t kAllocationLimit = uint64_t{16} << 20;
 constexpr int kOutputGuard = 64;
 // Buffers with memory keep their mins within this bound, which keeps every
-// coordinate a call derives from them inside 32 bits. Known bug: within a
-// mask's reach of the 32-bit ends, the intermediate of an erosion-first filter
-// is sized from rows that wrap (an imopen image at y0 INT_MIN gets a 16-byte
-// intermediate that its output stage reads past). Raise to INT_MAX once fixed.
+// coordinate a call derives from them inside 32 bits. Known gap: a buffer
+// whose own span passes 2^31 (min + extent wraps) is not yet refused, and the
+// rows of such a call can read outside the buffers (an imtophat image there
+// faults in the residual's read). Raise to INT_MAX once the entries refuse it.
 constexpr int32_t kMemoryCoordinateLimit = 1 << 28;
 
 // Reads the input front to back; past its end every byte is 0.
