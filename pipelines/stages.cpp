@@ -21,9 +21,10 @@ using Sampler = std::function<Expr(Expr a, Expr b)>;
 using Finish = std::function<Expr(Expr folded)>;
 
 // SE origin from a mask extent, in float32 as the contract states: exact up to
-// 2^25, and rounded like float32 above that.
+// 2^25, and rounded like float32 above that. The extent plus one wraps around
+// at 32 bits (worked in 64 bits, so nothing overflows on the way).
 Expr se_origin(Expr extent) {
-    Expr half = cast<float>((extent + 1) >> 1);
+    Expr half = cast<float>(cast<int32_t>(cast<int64_t>(extent) + 1) >> 1);
     return cast<int>(floor(half) + -1.0f);
 }
 
