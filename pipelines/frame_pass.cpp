@@ -45,6 +45,9 @@ protected:
                        is_dim0_size_check(report))) {
             return Evaluate::make(0);
         }
+        if (report && is_image_region_check(report)) {
+            return AssertStmt::make(image_region_fits(report->args[1]), op->message);
+        }
         if (report && is_output_columns_check(report)) {
             return AssertStmt::make(columns_.fits, Call::make(Int(32), report->name,
                                                               {report->args[0], 0, columns_.min, columns_.max,
@@ -158,6 +161,24 @@ private:
         Expr first = select(wide, min(columns.lo, wrap(cast<int64_t>(last) - (vw - 1))), columns.lo);
         intermediate_columns_ = cast(UInt(32), wrap(cast<int64_t>(last) - first + 1));
         intermediate_rows_ = cast(UInt(32), wrap(cast<int64_t>(rows.hi) - rows.lo));
+    }
+
+    bool is_image_region_check(const Call *report) const {
+        const StringImm *label = report->args.empty() ? nullptr : report->args[0].as<StringImm>();
+        return report->name == "halide_error_access_out_of_bounds" && label &&
+               label->value == "Input buffer keyimForType";
+    }
+
+    // The image must hold its required region, judged in 64 bits so that an
+    // image whose own span passes 2^31 is refused rather than wrapped into range.
+    Expr image_region_fits(const Expr &dimension) const {
+        const int64_t *d = as_const_int(dimension);
+        if (!d || *d < 0 || *d > 1) throw std::logic_error("unexpected dimension of an image region check");
+        const std::string dim = std::to_string(*d);
+        Expr i0 = cast<int64_t>(Variable::make(Int(32), "keyimForType.min." + dim));
+        Expr iw = cast<int64_t>(Variable::make(Int(32), "keyimForType.extent." + dim));
+        const Span &reach = image_reach_[*d];
+        return cast<int64_t>(reach.lo) >= i0 && cast<int64_t>(reach.hi) <= i0 + iw;
     }
 
     bool is_output_columns_check(const Call *report) const {
