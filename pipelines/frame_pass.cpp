@@ -1,5 +1,6 @@
 #include "frame_pass.h"
 
+#include <cstdint>
 #include <map>
 #include <stdexcept>
 
@@ -19,17 +20,20 @@ bool starts_with(const std::string &s, const std::string &prefix) { return s.rfi
 class FramePass : public IRMutator {
 public:
     FramePass(const FilterDefinition &filter, const Inputs &in, int vw)
-        : output_(filter.output().result.name()) {
+        : output_(filter.output().result.name()), single_stage_(filter.stages.size() == 1) {
+        const OutputImageParam out = filter.output().result.output_buffer();
+        Expr wide = in.image.dim(0).extent() > vw;
         for (const Stage &stage : filter.stages) first_rows_[stage.result.name() + ".s0.y"] = stage.first_row;
-        state_output_columns(filter.output().result.output_buffer(), in.image.dim(0).extent() > vw, vw);
-        for (int d = 0; d < 2; d++) image_reach_[d] = filter.image_reach[d];
-        if (filter.stages.size() == 2) state_intermediate(filter, in.image.dim(0).extent() > vw, vw);
+        state_output_columns(out, wide, vw);
+        if (filter.stages.size() == 2) state_intermediate(filter, wide, vw);
+        for (int d = 0; d < 2; d++) {
+            image_reach_[d] = filter.image_reach[d];
+            output_span_[d] = {out.dim(d).min(), cast<int64_t>(out.dim(d).min()) + out.dim(d).extent()};
+        }
         if (filter.reads_image_at_output) {
             // The wide path also reads the image under the inward-shifted last tile.
-            const OutputImageParam out = filter.output().result.output_buffer();
-            Expr x1 = out.dim(0).min() + out.dim(0).extent();
-            Expr wide = in.image.dim(0).extent() > vw;
-            image_reach_[0].lo = select(wide, min(image_reach_[0].lo, x1 - vw), image_reach_[0].lo);
+            Expr tile_min = cast<int32_t>(output_span_[0].hi - vw);
+            image_reach_[0].lo = select(wide, min(image_reach_[0].lo, tile_min), image_reach_[0].lo);
         }
     }
 
@@ -170,7 +174,11 @@ private:
     }
 
     // The image must hold its required region, judged in 64 bits so that an
-    // image whose own span passes 2^31 is refused rather than wrapped into range.
+    // image whose own span passes 2^31 is refused rather than wrapped into
+    // range. A single-stage call whose mask reaches past 2^31 from the output
+    // is refused too: its rows would index the image by wrapped coordinates.
+    // (A two-stage call gets that far only to have its intermediate sized,
+    // and huge masks must meet that size check first.)
     Expr image_region_fits(const Expr &dimension) const {
         const int64_t *d = as_const_int(dimension);
         if (!d || *d < 0 || *d > 1) throw std::logic_error("unexpected dimension of an image region check");
@@ -178,7 +186,11 @@ private:
         Expr i0 = cast<int64_t>(Variable::make(Int(32), "keyimForType.min." + dim));
         Expr iw = cast<int64_t>(Variable::make(Int(32), "keyimForType.extent." + dim));
         const Span &reach = image_reach_[*d];
-        return cast<int64_t>(reach.lo) >= i0 && cast<int64_t>(reach.hi) <= i0 + iw;
+        const Span &out = output_span_[*d];
+        Expr mask = cast<int64_t>(Variable::make(Int(32), "strel.extent." + dim));
+        Expr reach_fits = cast<int64_t>(out.lo) - mask - 1 >= INT32_MIN && cast<int64_t>(out.hi) + mask + 1 <= INT32_MAX;
+        Expr holds = cast<int64_t>(reach.lo) >= i0 && cast<int64_t>(reach.hi) <= i0 + iw;
+        return single_stage_ ? holds && reach_fits : holds;
     }
 
     bool is_output_columns_check(const Call *report) const {
@@ -197,9 +209,11 @@ private:
     }
 
     const std::string output_;
+    const bool single_stage_;
     OutputColumns columns_;
     Expr intermediate_columns_, intermediate_rows_;
     Span image_reach_[2];
+    Span output_span_[2];  // the output's min and, in 64 bits, its end
     std::map<std::string, Expr> first_rows_;
 };
 
