@@ -21,10 +21,11 @@ namespace {
 constexpr uint64_t kAllocationLimit = uint64_t{16} << 20;
 constexpr int kOutputGuard = 64;
 // Buffers with memory keep their mins within this bound, which keeps every
-// coordinate a call derives from them inside 32 bits. Known gap: a buffer
-// whose own span passes 2^31 (min + extent wraps) is not yet refused, and the
-// rows of such a call can read outside the buffers (an imtophat image there
-// faults in the residual's read). Raise to INT_MAX once the entries refuse it.
+// coordinate a call derives from them inside 32 bits. Known gap: a two-stage
+// call whose output lies within a mask and a few tiles of 2^31 is not yet
+// refused, and its rows can index the intermediate by wrapped coordinates
+// (single-stage calls and images that pass 2^31 are refused). Raise to
+// INT_MAX once the two-stage entries refuse them too.
 constexpr int32_t kMemoryCoordinateLimit = 1 << 28;
 
 // Reads the input front to back; past its end every byte is 0.

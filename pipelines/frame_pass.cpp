@@ -188,7 +188,8 @@ private:
         const Span &reach = image_reach_[*d];
         const Span &out = output_span_[*d];
         Expr mask = cast<int64_t>(Variable::make(Int(32), "strel.extent." + dim));
-        Expr reach_fits = cast<int64_t>(out.lo) - mask - 1 >= INT32_MIN && cast<int64_t>(out.hi) + mask + 1 <= INT32_MAX;
+        // The margin covers the lanes a wide path computes beyond its columns.
+        Expr reach_fits = cast<int64_t>(out.lo) - mask - 256 >= INT32_MIN && cast<int64_t>(out.hi) + mask + 256 <= INT32_MAX;
         Expr holds = cast<int64_t>(reach.lo) >= i0 && cast<int64_t>(reach.hi) <= i0 + iw;
         return single_stage_ ? holds && reach_fits : holds;
     }
