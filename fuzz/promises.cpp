@@ -15,29 +15,11 @@ namespace {
 
 const char *const kArgumentNames[4] = {"keyimForType", "minmax", "strel", "output"};
 
-double decode(const ElemInfo &e, const uint8_t *p) {
+// The element of `e` stored at `p`, as a number.
+double sample_at(const ElemInfo &e, const uint8_t *p) {
     uint64_t bits = 0;
     std::memcpy(&bits, p, e.bytes);
-    switch (e.elem) {
-    case Elem::Bool: return static_cast<double>(bits & 1);
-    case Elem::Int8: return static_cast<int8_t>(bits);
-    case Elem::UInt8: return static_cast<uint8_t>(bits);
-    case Elem::Int16: return static_cast<int16_t>(bits);
-    case Elem::UInt16: return static_cast<uint16_t>(bits);
-    case Elem::Int32: return static_cast<int32_t>(bits);
-    case Elem::UInt32: return static_cast<uint32_t>(bits);
-    case Elem::Float32: {
-        float f;
-        std::memcpy(&f, p, 4);
-        return f;
-    }
-    case Elem::Float64: {
-        double d;
-        std::memcpy(&d, p, 8);
-        return d;
-    }
-    }
-    return 0;
+    return decode(e, bits);
 }
 
 Region region_of(const CallBuffer &b) {
@@ -52,11 +34,11 @@ Problem read_problem(const FuzzedCall &c) {
     p.filter = c.v.filter;
     p.image = region_of(image);
     for (int j = 0; j < p.image.h; j++)
-        for (int i = 0; i < p.image.w; i++) p.pixels.push_back(decode(*p.elem, image.nth(i, j)));
+        for (int i = 0; i < p.image.w; i++) p.pixels.push_back(sample_at(*p.elem, image.nth(i, j)));
     // A pad the call does not need may lie outside minmax.
     const ElemInfo &f64 = element("float64");
-    if (minmax.inside(0, 0)) p.low_pad = decode(f64, minmax.at(0, 0));
-    if (minmax.inside(1, 0)) p.high_pad = decode(f64, minmax.at(1, 0));
+    if (minmax.inside(0, 0)) p.low_pad = sample_at(f64, minmax.at(0, 0));
+    if (minmax.inside(1, 0)) p.high_pad = sample_at(f64, minmax.at(1, 0));
     p.mask.sx = strel.dim_before(0).extent;
     p.mask.sy = strel.dim_before(1).extent;
     for (int j = 0; j < p.mask.sy; j++)

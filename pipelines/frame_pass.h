@@ -8,7 +8,9 @@
 //    image) and checks them in 32-bit wrap-around arithmetic;
 //  - answers the image's required region by the filter's own reach, not
 //    widened by the inward-shifted tiles of the wide path (the residual
-//    filters add the output tile region, which they read directly);
+//    filters add the output tile region, which they read directly), and
+//    checks it in 64 bits, refusing an image whose span passes 2^31 and a
+//    single-stage call whose mask reaches past 2^31 from the output;
 //  - checks the size of an intermediate on the exact product (Halide's own
 //    check misses sizes that wrap 64 bits) and asks `halide_malloc` for
 //    exactly that size plus one spare element; an intermediate whose region

@@ -29,7 +29,7 @@ uint64_t encode(const ElemInfo &e, double v) {
     return 0;
 }
 
-static double decode(const ElemInfo &e, uint64_t b) {
+double decode(const ElemInfo &e, uint64_t b) {
     switch (e.elem) {
     case Elem::Bool: return static_cast<double>(b & 1);
     case Elem::Int8: return static_cast<int8_t>(b);

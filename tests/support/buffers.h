@@ -14,6 +14,8 @@ namespace fmtest {
 // Raw bits of a value stored as an element of `e` (the value must be one the
 // type holds; bool stores 0 or 1).
 uint64_t encode(const ElemInfo &e, double value);
+// The number an element of `e` with raw bits `bits` holds (bool: bit 0).
+double decode(const ElemInfo &e, uint64_t bits);
 
 class TestBuffer {
 public:
