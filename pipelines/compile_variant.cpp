@@ -11,6 +11,7 @@
 #include "schedule.h"
 #include "stages.h"
 #include "targets.h"
+#include "tile_jam.h"
 
 #include <fstream>
 #include <iostream>
@@ -65,6 +66,7 @@ int compile_variant(const std::string &filter_name, const std::string &type, con
 
     Pipeline pipeline(filter.output().result);
     pipeline.add_custom_lowering_pass(make_frame_pass(filter, in, vw), nullptr);
+    pipeline.add_custom_lowering_pass(make_tile_jam_pass(tiles_in_flight(vw), vw), nullptr);
     Module module = pipeline.compile_to_module({in.image, in.minmax, in.strel}, variant, target, LinkageType::External);
     module.compile({{OutputFileType::object, dir + "/" + variant + ".raw.o"}});
 

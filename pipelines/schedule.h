@@ -11,6 +11,9 @@ namespace flatmorph {
 // Lanes of one tile for an element type under an instruction-set tag.
 int vector_width(const std::string &type_name, const std::string &tag);
 
+// Interior tiles folded together per pass over the mask (see tile_jam.h).
+int tiles_in_flight(int vector_width);
+
 void schedule_filter(const FilterDefinition &filter, const Inputs &in, int vector_width);
 
 }  // namespace flatmorph

@@ -8,6 +8,7 @@ add_executable(flatmorph_compile
   pipelines/frame_pass.cpp
   pipelines/schedule.cpp
   pipelines/stages.cpp
+  pipelines/tile_jam.cpp
   pipelines/targets.cpp)
 target_link_libraries(flatmorph_compile PRIVATE Halide::Halide)
 

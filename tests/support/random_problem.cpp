@@ -2,6 +2,7 @@
 
 #include "regions.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -47,7 +48,10 @@ static Problem any_problem(const Variant &v, std::mt19937 &rng) {
     Problem p;
     p.elem = v.elem;
     p.filter = v.filter;
-    p.image.w = one_of<int>(rng, {1, 2, 3, vw - 1, vw, vw + 1, vw + 2, 2 * vw + 3, pick(rng, 1, 2 * vw + 5)});
+    // Widths around one vector, and rows long enough for the interior tiles to
+    // be folded several at a time (up to 128 lanes), with every remainder.
+    p.image.w = one_of<int>(rng, {1, 2, 3, vw - 1, vw, vw + 1, vw + 2, 2 * vw + 3, pick(rng, 1, 2 * vw + 5),
+                                  pick(rng, 4 * vw, 160 + 4 * vw)});
     p.image.w = std::max(p.image.w, 1);
     p.image.h = pick(rng, 1, 9);
     if (pick(rng, 0, 2) > 0) {
@@ -75,7 +79,7 @@ static Problem any_problem(const Variant &v, std::mt19937 &rng) {
         p.output.x0 = p.image.x0 + pick(rng, 0, p.image.w - p.output.w);
         p.output.y0 = p.image.y0 + pick(rng, 0, p.image.h - p.output.h);
     } else {
-        p.output.w = wide ? pick(rng, vw, 2 * vw + 5) : pick(rng, 0, p.image.w + 6);
+        p.output.w = wide ? pick(rng, vw, std::max(2 * vw + 5, p.image.w + 6)) : pick(rng, 0, p.image.w + 6);
         p.output.h = pick(rng, 0, p.image.h + 4);
         p.output.x0 = p.image.x0 + pick(rng, -6, p.image.w + 2);
         p.output.y0 = p.image.y0 + pick(rng, -4, p.image.h + 2);

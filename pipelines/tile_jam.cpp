@@ -1,0 +1,224 @@
+#include "tile_jam.h"
+
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+using namespace Halide;
+using namespace Halide::Internal;
+
+namespace flatmorph {
+
+namespace {
+
+bool ends_with(const std::string &s, const std::string &suffix) {
+    return s.size() >= suffix.size() && s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+// Whether an expression reads a variable or an allocation of `names`.
+class Mentions : public IRVisitor {
+public:
+    Mentions(const std::set<std::string> &names, const Expr &e) : names_(names) { e.accept(this); }
+    bool found = false;
+
+private:
+    using IRVisitor::visit;
+    const std::set<std::string> &names_;
+    void visit(const Variable *op) override { found = found || names_.count(op->name); }
+    void visit(const Load *op) override {
+        found = found || names_.count(op->name);
+        IRVisitor::visit(op);
+    }
+};
+
+// The names a copy of a tile's body must make its own: the tile's
+// accumulators and the lets that depend on the tile or on an accumulator
+// (directly or through other such lets).
+class TileDependentNames : public IRVisitor {
+public:
+    explicit TileDependentNames(const std::string &tile) : tile_(tile) {}
+    std::set<std::string> names;
+
+private:
+    using IRVisitor::visit;
+    const std::string tile_;
+
+    void visit(const LetStmt *op) override {
+        if (expr_uses_var(op->value, tile_) || Mentions(names, op->value).found) names.insert(op->name);
+        IRVisitor::visit(op);
+    }
+    void visit(const Allocate *op) override {
+        names.insert(op->name);
+        IRVisitor::visit(op);
+    }
+};
+
+// One copy of a tile's body, the copy number `i` of a group: the names above
+// suffixed by the copy's number, and the first lane of the tile stated as VW
+// lanes on from the previous copy's. (The lane base of a tile is the shifted
+// one only on a row's last tile, which the groups leave out.)
+class CopyForTile : public IRMutator {
+public:
+    CopyForTile(const std::set<std::string> &names, int i, int vw) : names_(names), i_(i), vw_(vw) {}
+
+    static std::string suffix(int i) { return "$" + std::to_string(i); }
+
+private:
+    using IRMutator::visit;
+    const std::set<std::string> &names_;
+    const int i_, vw_;
+
+    std::string rename(const std::string &name) const { return names_.count(name) ? name + suffix(i_) : name; }
+
+    Expr visit(const Variable *op) override {
+        return names_.count(op->name) ? Variable::make(op->type, op->name + suffix(i_)) : op;
+    }
+    Stmt visit(const LetStmt *op) override {
+        Expr value = mutate(op->value);
+        if (i_ > 0 && ends_with(op->name, ".lane.base.s")) value = Variable::make(Int(32), op->name + suffix(0)) + vw_ * i_;
+        return LetStmt::make(rename(op->name), value, mutate(op->body));
+    }
+    Expr visit(const Load *op) override {
+        return Load::make(op->type, rename(op->name), mutate(op->index), op->image, op->param, mutate(op->predicate),
+                          op->alignment);
+    }
+    Stmt visit(const Store *op) override {
+        return Store::make(rename(op->name), mutate(op->value), mutate(op->index), op->param, mutate(op->predicate),
+                           op->alignment);
+    }
+    Stmt visit(const Allocate *op) override {
+        return Allocate::make(rename(op->name), op->type, op->memory_type, op->extents, mutate(op->condition),
+                              mutate(op->body), op->new_expr, op->free_function);
+    }
+    Stmt visit(const Free *op) override { return Free::make(rename(op->name)); }
+};
+
+Stmt in_sequence(const std::vector<Stmt> &copies) { return Block::make(copies); }
+
+template <typename Same>
+bool all_same(const std::vector<Stmt> &copies, Same same) {
+    for (const Stmt &s : copies) {
+        if (!same(copies[0], s)) return false;
+    }
+    return true;
+}
+
+template <typename Node>
+std::vector<Stmt> field(const std::vector<Stmt> &copies, Stmt Node::*member) {
+    std::vector<Stmt> out;
+    for (const Stmt &s : copies) out.push_back(s.as<Node>()->*member);
+    return out;
+}
+
+// Merges the copies of a tile's body into one: loops and tests that are the
+// same in every copy (the mask loops and the mask byte test) are kept once,
+// lets and allocations of every copy are nested, and everything else (the
+// identity, the fold, the store) follows copy after copy.
+Stmt jam(const std::vector<Stmt> &copies) {
+    const Stmt &first = copies[0];
+    if (const LetStmt *let = first.as<LetStmt>()) {
+        Stmt body = jam(field(copies, &LetStmt::body));
+        if (all_same(copies, [](const Stmt &a, const Stmt &b) { return a.as<LetStmt>()->name == b.as<LetStmt>()->name; }))
+            return LetStmt::make(let->name, let->value, body);
+        for (size_t i = copies.size(); i-- > 0;) {
+            const LetStmt *copy = copies[i].as<LetStmt>();
+            body = LetStmt::make(copy->name, copy->value, body);
+        }
+        return body;
+    }
+    if (first.as<Allocate>()) {
+        Stmt body = jam(field(copies, &Allocate::body));
+        for (size_t i = copies.size(); i-- > 0;) {
+            const Allocate *copy = copies[i].as<Allocate>();
+            body = Allocate::make(copy->name, copy->type, copy->memory_type, copy->extents, copy->condition, body,
+                                  copy->new_expr, copy->free_function);
+        }
+        return body;
+    }
+    if (const ProducerConsumer *pc = first.as<ProducerConsumer>()) {
+        std::vector<Stmt> bodies = field(copies, &ProducerConsumer::body);
+        return ProducerConsumer::make(pc->name, pc->is_producer, pc->is_producer ? jam(bodies) : in_sequence(bodies));
+    }
+    if (first.as<Block>()) {
+        return Block::make(jam(field(copies, &Block::first)), jam(field(copies, &Block::rest)));
+    }
+    if (const For *loop = first.as<For>()) {
+        if (all_same(copies, [](const Stmt &a, const Stmt &b) {
+                const For *p = a.as<For>(), *q = b.as<For>();
+                return p->name == q->name && equal(p->min, q->min) && equal(p->extent, q->extent);
+            })) {
+            return For::make(loop->name, loop->min, loop->extent, loop->for_type, loop->device_api,
+                             jam(field(copies, &For::body)));
+        }
+    }
+    if (const IfThenElse *test = first.as<IfThenElse>()) {
+        if (!test->else_case.defined() && all_same(copies, [](const Stmt &a, const Stmt &b) {
+                return equal(a.as<IfThenElse>()->condition, b.as<IfThenElse>()->condition);
+            })) {
+            return IfThenElse::make(test->condition, jam(field(copies, &IfThenElse::then_case)));
+        }
+    }
+    return in_sequence(copies);
+}
+
+
+// Whether a tile is an interior one: it loads vectors, and all of them whole.
+// The border tiles gather clamped lanes instead; the narrow path loads none.
+class InteriorTile : public IRVisitor {
+public:
+    bool vector_loads = false, gathers = false;
+
+private:
+    using IRVisitor::visit;
+    void visit(const Load *op) override {
+        if (op->type.is_vector()) (op->index.as<Ramp>() ? vector_loads : gathers) = true;
+        IRVisitor::visit(op);
+    }
+};
+
+class TileJam : public IRMutator {
+public:
+    TileJam(int tiles, int vw) : tiles_(tiles), vw_(vw) {}
+
+private:
+    using IRMutator::visit;
+    const int tiles_, vw_;
+
+    static bool is_tile_loop(const For *op) {
+        return op->for_type == ForType::Serial &&
+               (ends_with(op->name, ".s0.x.tile") || ends_with(op->name, ".s0.x.tile.rebased"));
+    }
+
+    Stmt visit(const For *op) override {
+        if (!is_tile_loop(op)) return IRMutator::visit(op);
+        InteriorTile tile_kind;
+        op->body.accept(&tile_kind);
+        if (!tile_kind.vector_loads || tile_kind.gathers) return op;
+
+        // Tiles min + j*n + i, i < n, for j below the whole groups of the run
+        // without its last tile, then the rest one tile at a time as before.
+        const int n = tiles_;
+        Expr extent = max(op->extent, 0);
+        Expr groups = max(extent - 1, 0) / n;
+        const std::string group = op->name + ".jam";
+        TileDependentNames names(op->name);
+        op->body.accept(&names);
+        std::vector<Stmt> copies;
+        for (int i = 0; i < n; i++) {
+            Expr tile = op->min + Variable::make(Int(32), group) * n + i;
+            Stmt copy = CopyForTile(names.names, i, vw_).mutate(op->body);
+            copies.push_back(substitute(op->name, tile, copy));
+        }
+        Stmt jammed = For::make(group, 0, groups, ForType::Serial, op->device_api, jam(copies));
+        Stmt rest = For::make(op->name, op->min + groups * n, extent - groups * n, ForType::Serial, op->device_api,
+                              op->body);
+        return Block::make(jammed, rest);
+    }
+};
+
+}  // namespace
+
+IRMutator *make_tile_jam_pass(int tiles, int vector_width) { return new TileJam(tiles, vector_width); }
+
+}  // namespace flatmorph

@@ -1,0 +1,21 @@
+// Folds the interior tiles of a row several at a time.
+//
+// The schedule computes one tile of one vector at a time: its accumulator is
+// one register, and each active mask element costs the mask byte test, the
+// loop step and the address arithmetic besides one load and one fold. On the
+// interior run of a row (the tiles whose loads are all plain vector loads)
+// this pass jams `tiles` neighbouring tiles into one pass over the mask: each
+// tile keeps its own accumulator, and every active element is folded into
+// each of them in turn, so the mask loop's own work is shared. Each lane still
+// folds the same samples in the same order; the leftover tiles of the run go
+// through the loop as it was. Border tiles (those with per-lane tests and
+// clamped loads) are left as they are.
+#pragma once
+
+#include <Halide.h>
+
+namespace flatmorph {
+
+Halide::Internal::IRMutator *make_tile_jam_pass(int tiles, int vector_width);
+
+}  // namespace flatmorph
