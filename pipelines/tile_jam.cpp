@@ -94,8 +94,6 @@ private:
     Stmt visit(const Free *op) override { return Free::make(rename(op->name)); }
 };
 
-Stmt in_sequence(const std::vector<Stmt> &copies) { return Block::make(copies); }
-
 template <typename Same>
 bool all_same(const std::vector<Stmt> &copies, Same same) {
     for (const Stmt &s : copies) {
@@ -111,57 +109,119 @@ std::vector<Stmt> field(const std::vector<Stmt> &copies, Stmt Node::*member) {
     return out;
 }
 
+// The plain vector loads of an expression or statement, in visiting order.
+class VectorLoads : public IRVisitor {
+public:
+    std::vector<const Load *> loads;
+
+private:
+    using IRVisitor::visit;
+    void visit(const Load *op) override {
+        if (op->type.is_vector() && op->index.as<Ramp>()) loads.push_back(op);
+        IRVisitor::visit(op);
+    }
+};
+
+// A later copy's loads of the image (or of an earlier stage) stated as the
+// first copy's, `lanes_on` elements further: the tiles of a group are
+// neighbours, so this is the same address, and it spares each tile its own
+// address arithmetic per mask element.
+class AlignWithFirstCopy : public IRMutator {
+public:
+    AlignWithFirstCopy(const std::vector<const Load *> &first, int lanes_on) : first_(first), lanes_on_(lanes_on) {}
+
+private:
+    using IRMutator::visit;
+    const std::vector<const Load *> &first_;
+    const int lanes_on_;
+    size_t next_ = 0;
+
+    Expr visit(const Load *op) override {
+        if (!op->type.is_vector() || !op->index.as<Ramp>()) return IRMutator::visit(op);
+        const Load *first = first_.at(next_++);
+        if (first->name != op->name || equal(first->index, op->index)) return IRMutator::visit(op);
+        const Ramp *lanes = first->index.as<Ramp>();
+        Expr index = Ramp::make(lanes->base + make_const(lanes->base.type(), lanes_on_), lanes->stride, lanes->lanes);
+        return Load::make(op->type, op->name, index, op->image, op->param, op->predicate, op->alignment);
+    }
+};
+
 // Merges the copies of a tile's body into one: loops and tests that are the
 // same in every copy (the mask loops and the mask byte test) are kept once,
 // lets and allocations of every copy are nested, and everything else (the
-// identity, the fold, the store) follows copy after copy.
-Stmt jam(const std::vector<Stmt> &copies) {
-    const Stmt &first = copies[0];
-    if (const LetStmt *let = first.as<LetStmt>()) {
-        Stmt body = jam(field(copies, &LetStmt::body));
-        if (all_same(copies, [](const Stmt &a, const Stmt &b) { return a.as<LetStmt>()->name == b.as<LetStmt>()->name; }))
-            return LetStmt::make(let->name, let->value, body);
-        for (size_t i = copies.size(); i-- > 0;) {
-            const LetStmt *copy = copies[i].as<LetStmt>();
-            body = LetStmt::make(copy->name, copy->value, body);
-        }
-        return body;
-    }
-    if (first.as<Allocate>()) {
-        Stmt body = jam(field(copies, &Allocate::body));
-        for (size_t i = copies.size(); i-- > 0;) {
-            const Allocate *copy = copies[i].as<Allocate>();
-            body = Allocate::make(copy->name, copy->type, copy->memory_type, copy->extents, copy->condition, body,
-                                  copy->new_expr, copy->free_function);
-        }
-        return body;
-    }
-    if (const ProducerConsumer *pc = first.as<ProducerConsumer>()) {
-        std::vector<Stmt> bodies = field(copies, &ProducerConsumer::body);
-        return ProducerConsumer::make(pc->name, pc->is_producer, pc->is_producer ? jam(bodies) : in_sequence(bodies));
-    }
-    if (first.as<Block>()) {
-        return Block::make(jam(field(copies, &Block::first)), jam(field(copies, &Block::rest)));
-    }
-    if (const For *loop = first.as<For>()) {
-        if (all_same(copies, [](const Stmt &a, const Stmt &b) {
-                const For *p = a.as<For>(), *q = b.as<For>();
-                return p->name == q->name && equal(p->min, q->min) && equal(p->extent, q->extent);
-            })) {
-            return For::make(loop->name, loop->min, loop->extent, loop->for_type, loop->device_api,
-                             jam(field(copies, &For::body)));
-        }
-    }
-    if (const IfThenElse *test = first.as<IfThenElse>()) {
-        if (!test->else_case.defined() && all_same(copies, [](const Stmt &a, const Stmt &b) {
-                return equal(a.as<IfThenElse>()->condition, b.as<IfThenElse>()->condition);
-            })) {
-            return IfThenElse::make(test->condition, jam(field(copies, &IfThenElse::then_case)));
-        }
-    }
-    return in_sequence(copies);
-}
+// identity, the fold, the store) follows copy after copy. Inside the fold,
+// where every let of the first copy is in scope of the later ones, the later
+// copies load at the first copy's addresses plus their lane offset.
+class Jam {
+public:
+    explicit Jam(int vw) : vw_(vw) {}
+    Stmt operator()(const std::vector<Stmt> &copies) { return jam(copies, false); }
 
+private:
+    const int vw_;
+
+    template <typename T>
+    T aligned(const T &copy, const T &first, size_t i) const {
+        VectorLoads loads;
+        first.accept(&loads);
+        return AlignWithFirstCopy(loads.loads, vw_ * static_cast<int>(i)).mutate(copy);
+    }
+
+    Stmt leaves(const std::vector<Stmt> &copies, bool fold) const {
+        std::vector<Stmt> out;
+        for (size_t i = 0; i < copies.size(); i++) out.push_back(fold && i ? aligned(copies[i], copies[0], i) : copies[i]);
+        return Block::make(out);
+    }
+
+    Stmt jam(const std::vector<Stmt> &copies, bool fold) const {
+        const Stmt &first = copies[0];
+        if (const LetStmt *let = first.as<LetStmt>()) {
+            Stmt body = jam(field(copies, &LetStmt::body), fold);
+            if (all_same(copies, [](const Stmt &a, const Stmt &b) { return a.as<LetStmt>()->name == b.as<LetStmt>()->name; }))
+                return LetStmt::make(let->name, let->value, body);
+            for (size_t i = copies.size(); i-- > 0;) {
+                const LetStmt *copy = copies[i].as<LetStmt>();
+                Expr value = fold && i ? aligned(copy->value, let->value, i) : copy->value;
+                body = LetStmt::make(copy->name, value, body);
+            }
+            return body;
+        }
+        if (first.as<Allocate>()) {
+            Stmt body = jam(field(copies, &Allocate::body), fold);
+            for (size_t i = copies.size(); i-- > 0;) {
+                const Allocate *copy = copies[i].as<Allocate>();
+                body = Allocate::make(copy->name, copy->type, copy->memory_type, copy->extents, copy->condition, body,
+                                      copy->new_expr, copy->free_function);
+            }
+            return body;
+        }
+        if (const ProducerConsumer *pc = first.as<ProducerConsumer>()) {
+            std::vector<Stmt> bodies = field(copies, &ProducerConsumer::body);
+            return ProducerConsumer::make(pc->name, pc->is_producer,
+                                          pc->is_producer ? jam(bodies, true) : leaves(bodies, false));
+        }
+        if (first.as<Block>()) {
+            return Block::make(jam(field(copies, &Block::first), fold), jam(field(copies, &Block::rest), fold));
+        }
+        if (const For *loop = first.as<For>()) {
+            if (all_same(copies, [](const Stmt &a, const Stmt &b) {
+                    const For *p = a.as<For>(), *q = b.as<For>();
+                    return p->name == q->name && equal(p->min, q->min) && equal(p->extent, q->extent);
+                })) {
+                return For::make(loop->name, loop->min, loop->extent, loop->for_type, loop->device_api,
+                                 jam(field(copies, &For::body), fold));
+            }
+        }
+        if (const IfThenElse *test = first.as<IfThenElse>()) {
+            if (!test->else_case.defined() && all_same(copies, [](const Stmt &a, const Stmt &b) {
+                    return equal(a.as<IfThenElse>()->condition, b.as<IfThenElse>()->condition);
+                })) {
+                return IfThenElse::make(test->condition, jam(field(copies, &IfThenElse::then_case), fold));
+            }
+        }
+        return leaves(copies, fold);
+    }
+};
 
 // Whether a tile is an interior one: it loads vectors, and all of them whole.
 // The border tiles gather clamped lanes instead; the narrow path loads none.
@@ -210,7 +270,7 @@ private:
             Stmt copy = CopyForTile(names.names, i, vw_).mutate(op->body);
             copies.push_back(substitute(op->name, tile, copy));
         }
-        Stmt jammed = For::make(group, 0, groups, ForType::Serial, op->device_api, jam(copies));
+        Stmt jammed = For::make(group, 0, groups, ForType::Serial, op->device_api, Jam(vw_)(copies));
         Stmt rest = For::make(op->name, op->min + groups * n, extent - groups * n, ForType::Serial, op->device_api,
                               op->body);
         return Block::make(jammed, rest);

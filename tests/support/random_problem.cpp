@@ -49,9 +49,9 @@ static Problem any_problem(const Variant &v, std::mt19937 &rng) {
     p.elem = v.elem;
     p.filter = v.filter;
     // Widths around one vector, and rows long enough for the interior tiles to
-    // be folded several at a time (up to 128 lanes), with every remainder.
+    // be folded several at a time (up to 256 lanes), with every remainder.
     p.image.w = one_of<int>(rng, {1, 2, 3, vw - 1, vw, vw + 1, vw + 2, 2 * vw + 3, pick(rng, 1, 2 * vw + 5),
-                                  pick(rng, 4 * vw, 160 + 4 * vw)});
+                                  pick(rng, 4 * vw, 320 + 4 * vw)});
     p.image.w = std::max(p.image.w, 1);
     p.image.h = pick(rng, 1, 9);
     if (pick(rng, 0, 2) > 0) {
