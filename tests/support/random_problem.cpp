@@ -58,7 +58,11 @@ static Problem any_problem(const Variant &v, std::mt19937 &rng) {
         p.image.x0 = pick(rng, -6, 6);
         p.image.y0 = pick(rng, -4, 4);
     }
-    for (int i = 0; i < p.image.w * p.image.h; i++) p.pixels.push_back(random_sample(*v.elem, rng));
+    // The model reads the samples as the image holds them (3e38 is not a float32).
+    for (int i = 0; i < p.image.w * p.image.h; i++) {
+        const double sample = random_sample(*v.elem, rng);
+        p.pixels.push_back(v.elem->elem == Elem::Float32 ? static_cast<float>(sample) : sample);
+    }
 
     p.mask.sx = one_of<int>(rng, {0, 1, 2, 3, 3, 4, 5, 7, pick(rng, 1, p.image.w + 3)});
     p.mask.sy = one_of<int>(rng, {0, 1, 2, 3, 3, 4, 5, pick(rng, 1, p.image.h + 3)});
