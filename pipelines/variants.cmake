@@ -34,10 +34,14 @@ macro(flatmorph_add_variant filter type tag)
 endmacro()
 flatmorph_foreach_variant(flatmorph_add_variant)
 
+# The runtime's malloc and free calls go to the library's own block
+# allocator (wrap_malloc/runtime_blocks.c).
 set(FLATMORPH_RUNTIME_OBJECT ${FLATMORPH_GEN_DIR}/halide_runtime.o)
 add_custom_command(
   OUTPUT ${FLATMORPH_RUNTIME_OBJECT}
-  COMMAND flatmorph_compile runtime ${FLATMORPH_RUNTIME_OBJECT}
+  COMMAND flatmorph_compile runtime ${FLATMORPH_GEN_DIR}/halide_runtime.raw.o
+  COMMAND ${CMAKE_OBJCOPY} --redefine-sym malloc=flatmorph_runtime_malloc --redefine-sym free=flatmorph_runtime_free
+          ${FLATMORPH_GEN_DIR}/halide_runtime.raw.o ${FLATMORPH_RUNTIME_OBJECT}
   DEPENDS flatmorph_compile
   COMMENT "Compiling the Halide runtime"
   VERBATIM)
