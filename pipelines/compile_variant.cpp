@@ -7,6 +7,7 @@
 //     options giving the closures their final names) and <v>_entry.c (the
 //     argument-array entry and the metadata record).
 //   flatmorph_compile runtime <object>
+#include "border_loads.h"
 #include "frame_pass.h"
 #include "schedule.h"
 #include "stages.h"
@@ -67,6 +68,7 @@ int compile_variant(const std::string &filter_name, const std::string &type, con
     Pipeline pipeline(filter.output().result);
     pipeline.add_custom_lowering_pass(make_frame_pass(filter, in, vw), nullptr);
     pipeline.add_custom_lowering_pass(make_tile_jam_pass(tiles_in_flight(vw), vw), nullptr);
+    pipeline.add_custom_lowering_pass(make_border_loads_pass(), nullptr);
     Module module = pipeline.compile_to_module({in.image, in.minmax, in.strel}, variant, target, LinkageType::External);
     module.compile({{OutputFileType::object, dir + "/" + variant + ".raw.o"}});
 

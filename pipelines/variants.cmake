@@ -3,13 +3,14 @@
 include(${CMAKE_CURRENT_LIST_DIR}/matrix.cmake)
 
 add_executable(flatmorph_compile
+  pipelines/border_loads.cpp
   pipelines/compile_variant.cpp
   pipelines/element_rules.cpp
   pipelines/frame_pass.cpp
   pipelines/schedule.cpp
   pipelines/stages.cpp
-  pipelines/tile_jam.cpp
-  pipelines/targets.cpp)
+  pipelines/targets.cpp
+  pipelines/tile_jam.cpp)
 target_link_libraries(flatmorph_compile PRIVATE Halide::Halide)
 
 set(FLATMORPH_GEN_DIR ${CMAKE_BINARY_DIR}/variants)
