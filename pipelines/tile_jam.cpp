@@ -256,23 +256,26 @@ private:
         op->body.accept(&tile_kind);
         if (!tile_kind.vector_loads || tile_kind.gathers) return op;
 
-        // Tiles min + j*n + i, i < n, for j below the whole groups of the run
-        // without its last tile, then the rest one tile at a time as before.
+        // Groups of n neighbouring tiles cover the run but its last tile (the
+        // only one that can be a row's inward-shifted tile); the last group is
+        // moved back to end there, so a few tiles are computed twice and store
+        // the same values again. The last tile, and a run too short for one
+        // group, go one tile at a time as before.
         const int n = tiles_;
-        Expr extent = max(op->extent, 0);
-        Expr groups = max(extent - 1, 0) / n;
+        Expr before_last = max(op->extent - 1, 0);
+        Expr grouped = select(before_last >= n, before_last, 0);
         const std::string group = op->name + ".jam";
+        Expr group_start = min(Variable::make(Int(32), group) * n, grouped - n);
         TileDependentNames names(op->name);
         op->body.accept(&names);
         std::vector<Stmt> copies;
         for (int i = 0; i < n; i++) {
-            Expr tile = op->min + Variable::make(Int(32), group) * n + i;
             Stmt copy = CopyForTile(names.names, i, vw_).mutate(op->body);
-            copies.push_back(substitute(op->name, tile, copy));
+            copies.push_back(substitute(op->name, op->min + group_start + i, copy));
         }
-        Stmt jammed = For::make(group, 0, groups, ForType::Serial, op->device_api, Jam(vw_)(copies));
-        Stmt rest = For::make(op->name, op->min + groups * n, extent - groups * n, ForType::Serial, op->device_api,
-                              op->body);
+        Stmt jammed = For::make(group, 0, (grouped + n - 1) / n, ForType::Serial, op->device_api, Jam(vw_)(copies));
+        Stmt rest = For::make(op->name, op->min + grouped, max(op->extent, 0) - grouped, ForType::Serial,
+                              op->device_api, op->body);
         return Block::make(jammed, rest);
     }
 };

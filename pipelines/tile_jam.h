@@ -7,8 +7,9 @@
 // this pass jams `tiles` neighbouring tiles into one pass over the mask: each
 // tile keeps its own accumulator, and every active element is folded into
 // each of them in turn, so the mask loop's own work is shared. Each lane still
-// folds the same samples in the same order; the leftover tiles of the run go
-// through the loop as it was. Border tiles (those with per-lane tests and
+// folds the same samples in the same order. The last group is moved back to
+// end with the run (its first tiles are computed twice, to the same values),
+// and the run's last tile goes through the loop as it was. Border tiles (those with per-lane tests and
 // clamped loads) are left as they are.
 #pragma once
 
