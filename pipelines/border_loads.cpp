@@ -39,21 +39,23 @@ private:
 };
 
 // The gathered value with its lanes' clamps dropped and its index stated as
-// the dense ramp it then is: max(min(ramp, hi), lo) becomes the ramp, and
-// widening or offsetting a ramp gives a ramp.
+// the dense ramp it then is: in the index, max(min(ramp, hi), lo) becomes the
+// ramp, and widening or offsetting a ramp gives a ramp.
 class Unclamped : public IRMutator {
     using IRMutator::visit;
+    bool in_index_ = false;
 
     Expr visit(const Max *op) override {
         const Min *inner = op->a.as<Min>();
-        if (op->type.is_vector() && inner && inner->a.as<Ramp>()) return mutate(inner->a);
+        if (in_index_ && op->type.is_vector() && inner && inner->a.as<Ramp>()) return mutate(inner->a);
         return IRMutator::visit(op);
     }
     Expr visit(const Cast *op) override {
         Expr value = mutate(op->value);
-        if (const Ramp *r = value.as<Ramp>()) {
-            return Ramp::make(Cast::make(op->type.element_of(), r->base), Cast::make(op->type.element_of(), r->stride),
-                              r->lanes);
+        const Ramp *r = value.as<Ramp>();
+        if (in_index_ && r) {
+            const Type t = op->type.element_of();
+            return Ramp::make(Cast::make(t, r->base), Cast::make(t, r->stride), r->lanes);
         }
         return Cast::make(op->type, value);
     }
@@ -61,12 +63,14 @@ class Unclamped : public IRMutator {
         Expr a = mutate(op->a), b = mutate(op->b);
         const Ramp *r = a.as<Ramp>();
         const Broadcast *offset = b.as<Broadcast>();
-        if (r && offset) return Ramp::make(r->base + offset->value, r->stride, r->lanes);
+        if (in_index_ && r && offset) return Ramp::make(r->base + offset->value, r->stride, r->lanes);
         return Add::make(a, b);
     }
     Expr visit(const Load *op) override {
         if (!is_gather(op)) return IRMutator::visit(op);
+        in_index_ = true;
         Expr index = simplify(mutate(op->index));
+        in_index_ = false;
         if (!index.as<Ramp>()) return op;
         return Load::make(op->type, op->name, index, op->image, op->param, op->predicate, op->alignment);
     }
