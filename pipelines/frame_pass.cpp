@@ -11,12 +11,6 @@ namespace flatmorph {
 
 namespace {
 
-bool ends_with(const std::string &s, const std::string &suffix) {
-    return s.size() >= suffix.size() && s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
-bool starts_with(const std::string &s, const std::string &prefix) { return s.rfind(prefix, 0) == 0; }
-
 class FramePass : public IRMutator {
 public:
     FramePass(const FilterDefinition &filter, const Inputs &in, int vw)

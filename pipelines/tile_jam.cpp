@@ -12,10 +12,6 @@ namespace flatmorph {
 
 namespace {
 
-bool ends_with(const std::string &s, const std::string &suffix) {
-    return s.size() >= suffix.size() && s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
 // Whether an expression reads a variable or an allocation of `names`.
 class Mentions : public IRVisitor {
 public:
