@@ -1,7 +1,6 @@
 #include "tile_jam.h"
 
 #include <set>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -51,9 +50,9 @@ private:
 };
 
 // One copy of a tile's body, the copy number `i` of a group: the names above
-// suffixed by the copy's number, and the first lane of the tile stated as VW
-// lanes on from the previous copy's. (The lane base of a tile is the shifted
-// one only on a row's last tile, which the groups leave out.)
+// suffixed by the copy's number, and the tile's first lane stated as i * VW
+// lanes on from the first copy's. (Only a row's last tile is shifted inward,
+// and the groups leave it out.)
 class CopyForTile : public IRMutator {
 public:
     CopyForTile(const std::set<std::string> &names, int i, int vw) : names_(names), i_(i), vw_(vw) {}
@@ -72,7 +71,8 @@ private:
     }
     Stmt visit(const LetStmt *op) override {
         Expr value = mutate(op->value);
-        if (i_ > 0 && ends_with(op->name, ".lane.base.s")) value = Variable::make(Int(32), op->name + suffix(0)) + vw_ * i_;
+        if (i_ > 0 && ends_with(op->name, ".lane.base.s"))
+            value = Variable::make(Int(32), op->name + suffix(0)) + vw_ * i_;
         return LetStmt::make(rename(op->name), value, mutate(op->body));
     }
     Expr visit(const Load *op) override {
@@ -165,7 +165,8 @@ private:
 
     Stmt leaves(const std::vector<Stmt> &copies, bool fold) const {
         std::vector<Stmt> out;
-        for (size_t i = 0; i < copies.size(); i++) out.push_back(fold && i ? aligned(copies[i], copies[0], i) : copies[i]);
+        for (size_t i = 0; i < copies.size(); i++)
+            out.push_back(fold && i ? aligned(copies[i], copies[0], i) : copies[i]);
         return Block::make(out);
     }
 
@@ -173,8 +174,10 @@ private:
         const Stmt &first = copies[0];
         if (const LetStmt *let = first.as<LetStmt>()) {
             Stmt body = jam(field(copies, &LetStmt::body), fold);
-            if (all_same(copies, [](const Stmt &a, const Stmt &b) { return a.as<LetStmt>()->name == b.as<LetStmt>()->name; }))
-                return LetStmt::make(let->name, let->value, body);
+            auto same_name = [](const Stmt &a, const Stmt &b) {
+                return a.as<LetStmt>()->name == b.as<LetStmt>()->name;
+            };
+            if (all_same(copies, same_name)) return LetStmt::make(let->name, let->value, body);
             for (size_t i = copies.size(); i-- > 0;) {
                 const LetStmt *copy = copies[i].as<LetStmt>();
                 Expr value = fold && i ? aligned(copy->value, let->value, i) : copy->value;

@@ -68,7 +68,8 @@ const Case kCases[] = {
 
 TEST(LargeIntermediates, EqualTheFilterComputedInStrips) {
     for (const Case &c : kCases) {
-        SCOPED_TRACE(std::string(filter_name(c.filter)) + " " + std::to_string(c.width) + "x" + std::to_string(c.height));
+        SCOPED_TRACE(std::string(filter_name(c.filter)) + " " + std::to_string(c.width) + "x" +
+                     std::to_string(c.height));
         const Image<uint8_t> image(c.width, c.height, static_cast<unsigned>(c.width));
         EXPECT_TRUE(whole(c.filter, image) == in_strips(c.filter, image));
     }
