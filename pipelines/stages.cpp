@@ -171,7 +171,6 @@ FilterDefinition define_filter(const std::string &filter, const Inputs &in) {
         if (def.reads_image_at_output) finish = [=](Expr closed) { return saturating_difference(closed, image_here); };
         def.stages = {first, fold_stage(out, Fold::Min, in, m, unframed_stage(first.result), finish)};
     }
-    def.stages[1].reads_earlier_stage = true;
     for (int d = 0; d < 2; d++) {
         const Axis a = axis(in, def.output().result, m, d);
         // The first stage is defined on what the output stage reads of it.

@@ -35,8 +35,6 @@ struct Stage {
     // The first row this stage is computed for: the output's own first row for
     // the output stage, the lowest row the output stage reads for an earlier one.
     Halide::Expr first_row;
-    // The fold reads an earlier stage, whose size follows from what is read.
-    bool reads_earlier_stage = false;
 };
 
 // A whole filter: its stages in execution order, the last one being the output.
