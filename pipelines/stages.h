@@ -27,7 +27,8 @@ struct Span {
 
 // One morphological fold over the mask. `accumulator` holds the reduction
 // (identity, then one fold per active mask element, mask rows outer, mask
-// columns inner); `result` is what the stage stores, named after the stage.
+// columns inner; the float folds take the rows from the first); `result` is
+// what the stage stores, named after the stage.
 struct Stage {
     Halide::Func accumulator;
     Halide::Func result;
