@@ -76,20 +76,70 @@ class Unclamped : public IRMutator {
     }
 };
 
+// `lanes` lanes of a vector expression from lane `begin`, worked out lane-wise
+// down to its ramps and broadcasts, so that the half of a gather gathers only
+// its half and the half of a clamped ramp is still one.
+class LanesOf : public IRMutator {
+public:
+    LanesOf(int begin, int lanes) : begin_(begin), lanes_(lanes) {}
+
+private:
+    using IRMutator::visit;
+    const int begin_, lanes_;
+
+    Expr visit(const Ramp *op) override {
+        return Ramp::make(simplify(op->base + op->stride * begin_), op->stride, lanes_);
+    }
+    Expr visit(const Broadcast *op) override { return Broadcast::make(op->value, lanes_); }
+    Expr visit(const Cast *op) override { return Cast::make(op->type.with_lanes(lanes_), mutate(op->value)); }
+    Expr visit(const Load *op) override {
+        return Load::make(op->type.with_lanes(lanes_), op->name, mutate(op->index), op->image, op->param,
+                          mutate(op->predicate), op->alignment);
+    }
+    Expr visit(const Variable *op) override { return whole_slice(op); }
+    Expr visit(const Call *op) override { return whole_slice(op); }
+    Expr whole_slice(const Expr &e) const {
+        return e.type().is_vector() ? Shuffle::make_slice(e, begin_, 1, lanes_) : e;
+    }
+};
+
+Expr lanes_of(const Expr &e, int begin, int lanes) { return LanesOf(begin, lanes).mutate(e); }
+
 class BorderLoads : public IRMutator {
     using IRMutator::visit;
 
-    // `with` holds a padded gather: test all its lanes at once, and where all
-    // are inside use `dense`, the same statement with the whole-vector load.
+    // `with` holds a padded gather: test its lanes at once, and where all are
+    // inside use the same statement with a whole-vector load. Otherwise, on a
+    // tile that straddles the image's edge, one half of the lanes often lies
+    // wholly inside: that half takes a whole-vector load and only the other
+    // half is gathered.
     template <typename MakeStmt>
     Stmt both_ways(const Expr &with, MakeStmt make) {
         FindPaddedGather finder;
         with.accept(&finder);
         if (!finder.found) return make(with);
         const Select *choice = finder.found;
-        Expr dense = Unclamped().mutate(choice->true_value);
-        Expr all_inside = VectorReduce::make(VectorReduce::And, choice->condition, 1);
-        return IfThenElse::make(all_inside, make(substitute(Expr(choice), dense, with)), make(with));
+        auto using_value = [&](const Expr &value) { return make(substitute(Expr(choice), value, with)); };
+        auto all_of = [](const Expr &condition) { return VectorReduce::make(VectorReduce::And, condition, 1); };
+        Unclamped unclamped;
+        Stmt otherwise = make(with);
+        const int lanes = choice->type.lanes(), half = lanes / 2;
+        if (lanes >= 8 && choice->true_value.as<Load>()) {
+            Expr halves[2][2];  // [half][0: as it was, 1: whole-vector load]
+            for (int h = 0; h < 2; h++) {
+                Expr load = lanes_of(choice->true_value, h * half, half);
+                halves[h][0] = select(lanes_of(choice->condition, h * half, half), load,
+                                      lanes_of(choice->false_value, h * half, half));
+                halves[h][1] = unclamped.mutate(load);
+            }
+            otherwise = IfThenElse::make(
+                all_of(lanes_of(choice->condition, 0, half)),
+                using_value(Shuffle::make_concat({halves[0][1], halves[1][0]})),
+                IfThenElse::make(all_of(lanes_of(choice->condition, half, half)),
+                                 using_value(Shuffle::make_concat({halves[0][0], halves[1][1]})), otherwise));
+        }
+        return IfThenElse::make(all_of(choice->condition), using_value(unclamped.mutate(choice->true_value)),
+                                otherwise);
     }
 
     Stmt visit(const Store *op) override {

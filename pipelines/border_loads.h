@@ -6,8 +6,10 @@
 // lanes lie inside: a 5 x 5 mask reaches past the edge in 2 of its 5 columns.
 // This pass gives each such fold a test of all its lanes at once: when all
 // are inside, the clamps cannot bind and the pad is not chosen, so the fold
-// takes one whole-vector load instead; otherwise it runs as before. The values
-// are the same either way.
+// takes one whole-vector load instead. Otherwise each half of the lanes is
+// tested the same way, so that a half wholly inside still loads whole and only
+// the other half is gathered; failing both, the fold runs as before. The
+// values are the same either way.
 #pragma once
 
 #include <Halide.h>
