@@ -105,6 +105,25 @@ private:
 
 Expr lanes_of(const Expr &e, int begin, int lanes) { return LanesOf(begin, lanes).mutate(e); }
 
+// The index of a padded gather: int64(clamp(ramp(start, 1, lanes), lo, hi))
+// plus the row's offset, `lo` and `hi` being the first and last column inside.
+struct ClampedWindow {
+    Expr start, lo, hi;
+};
+
+bool clamped_window(const Load *gather, ClampedWindow *w) {
+    const Add *add = gather->index.as<Add>();
+    const Cast *widened = add ? add->a.as<Cast>() : nullptr;
+    const Max *above_lo = widened ? widened->value.as<Max>() : nullptr;
+    const Min *below_hi = above_lo ? above_lo->a.as<Min>() : nullptr;
+    const Broadcast *lo = above_lo ? above_lo->b.as<Broadcast>() : nullptr;
+    const Ramp *lanes = below_hi ? below_hi->a.as<Ramp>() : nullptr;
+    const Broadcast *hi = below_hi ? below_hi->b.as<Broadcast>() : nullptr;
+    if (!add || !add->b.as<Broadcast>() || !lo || !lanes || !hi || !is_const_one(lanes->stride)) return false;
+    *w = {lanes->base, lo->value, hi->value};
+    return true;
+}
+
 class BorderLoads : public IRMutator {
     using IRMutator::visit;
 
@@ -119,11 +138,19 @@ class BorderLoads : public IRMutator {
         with.accept(&finder);
         if (!finder.found) return make(with);
         const Select *choice = finder.found;
+        const int lanes = choice->type.lanes(), half = lanes / 2;
         auto using_value = [&](const Expr &value) { return make(substitute(Expr(choice), value, with)); };
-        auto all_of = [](const Expr &condition) { return VectorReduce::make(VectorReduce::And, condition, 1); };
+        // Whether lanes [begin, begin + n) all lie inside: lane-wise, or, for
+        // a clamped window, by its ends and the test of its row alone.
+        ClampedWindow w;
+        const bool window = choice->true_value.as<Load>() && clamped_window(choice->true_value.as<Load>(), &w);
+        auto all_inside = [&](int begin, int n) {
+            if (!window) return VectorReduce::make(VectorReduce::And, lanes_of(choice->condition, begin, n), 1);
+            Expr row_inside = simplify(Shuffle::make_extract_element(choice->condition, begin));
+            return w.start + begin >= w.lo && w.start + (begin + n - 1) <= w.hi && row_inside;
+        };
         Unclamped unclamped;
         Stmt otherwise = make(with);
-        const int lanes = choice->type.lanes(), half = lanes / 2;
         if (lanes >= 8 && choice->true_value.as<Load>()) {
             Expr halves[2][2];  // [half][0: as it was, 1: whole-vector load]
             for (int h = 0; h < 2; h++) {
@@ -133,13 +160,11 @@ class BorderLoads : public IRMutator {
                 halves[h][1] = unclamped.mutate(load);
             }
             otherwise = IfThenElse::make(
-                all_of(lanes_of(choice->condition, 0, half)),
-                using_value(Shuffle::make_concat({halves[0][1], halves[1][0]})),
-                IfThenElse::make(all_of(lanes_of(choice->condition, half, half)),
+                all_inside(0, half), using_value(Shuffle::make_concat({halves[0][1], halves[1][0]})),
+                IfThenElse::make(all_inside(half, half),
                                  using_value(Shuffle::make_concat({halves[0][0], halves[1][1]})), otherwise));
         }
-        return IfThenElse::make(all_of(choice->condition), using_value(unclamped.mutate(choice->true_value)),
-                                otherwise);
+        return IfThenElse::make(all_inside(0, lanes), using_value(unclamped.mutate(choice->true_value)), otherwise);
     }
 
     Stmt visit(const Store *op) override {
