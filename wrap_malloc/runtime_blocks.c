@@ -2,15 +2,17 @@
  * these two when it is built (see pipelines/variants.cmake), so that they are
  * what halide_malloc and halide_free use unless a host sets its own.
  *
- * Small blocks are glibc's: it serves them from its heap and keeps released
- * ones for reuse. From 32 MiB up (glibc's largest mapping threshold) glibc maps
- * every block afresh and unmaps it on free, so each call of a two-stage filter
- * on a large image took a page fault per 4 KiB of its intermediate, and the
- * kernel's zeroing of them cost more than both stages together (4096 x 4096
- * float32: 16 ms of 27). Here such a block is mapped with transparent huge
- * pages requested, and the last one released (up to 512 MiB) is kept for the
- * next request it can serve, which is what glibc does for the smaller ones.
- * At most one block is kept; it is unmapped when the library is unloaded. */
+ * Small blocks are glibc's. A two-stage filter on a large image asks for a
+ * block of the image's size on every call, and a block the kernel maps afresh
+ * costs a page fault per 4 KiB and their zeroing: more than both stages
+ * together for a 4096 x 4096 float32 image (16 ms of 27). glibc maps every
+ * block of 32 MiB and more afresh, and whether a smaller one is served again
+ * from its heap depends on what else the process allocates (a 16 MB uint8
+ * intermediate ran 5 to 20 % slower in a process that also used OpenCV).
+ * So from 4 MiB on, a block is mapped here, with transparent huge pages
+ * requested, and the last one released (up to 512 MiB) is kept for the next
+ * request it can serve. At most one block is kept; it is unmapped when the
+ * library is unloaded. */
 #include <stdatomic.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -21,7 +23,7 @@ void *flatmorph_runtime_malloc(size_t size);
 void flatmorph_runtime_free(void *block);
 
 enum {
-    large_block = 32u << 20, /* from here on, blocks are mapped here */
+    large_block = 4u << 20, /* from here on, blocks are mapped here */
     kept_block_limit = 512u << 20,
     huge_page = 2u << 20,
 };
