@@ -66,6 +66,13 @@ class Unclamped : public IRMutator {
         if (in_index_ && r && offset) return Ramp::make(r->base + offset->value, r->stride, r->lanes);
         return Add::make(a, b);
     }
+    Expr visit(const Sub *op) override {
+        Expr a = mutate(op->a), b = mutate(op->b);
+        const Ramp *r = a.as<Ramp>();
+        const Broadcast *offset = b.as<Broadcast>();
+        if (in_index_ && r && offset) return Ramp::make(r->base - offset->value, r->stride, r->lanes);
+        return Sub::make(a, b);
+    }
     Expr visit(const Load *op) override {
         if (!is_gather(op)) return IRMutator::visit(op);
         in_index_ = true;
@@ -106,7 +113,8 @@ private:
 Expr lanes_of(const Expr &e, int begin, int lanes) { return LanesOf(begin, lanes).mutate(e); }
 
 // The index of a padded gather: int64(clamp(ramp(start, 1, lanes), lo, hi))
-// plus the row's offset, `lo` and `hi` being the first and last column inside.
+// plus the row's offset, `lo` and `hi` being the first and last column inside
+// (for an earlier stage, less the first column it holds).
 struct ClampedWindow {
     Expr start, lo, hi;
 };
@@ -114,7 +122,10 @@ struct ClampedWindow {
 bool clamped_window(const Load *gather, ClampedWindow *w) {
     const Add *add = gather->index.as<Add>();
     const Cast *widened = add ? add->a.as<Cast>() : nullptr;
-    const Max *above_lo = widened ? widened->value.as<Max>() : nullptr;
+    Expr column = widened ? widened->value : Expr();
+    const Sub *rebased = column.defined() ? column.as<Sub>() : nullptr;
+    if (rebased && rebased->b.as<Broadcast>()) column = rebased->a;
+    const Max *above_lo = column.defined() ? column.as<Max>() : nullptr;
     const Min *below_hi = above_lo ? above_lo->a.as<Min>() : nullptr;
     const Broadcast *lo = above_lo ? above_lo->b.as<Broadcast>() : nullptr;
     const Ramp *lanes = below_hi ? below_hi->a.as<Ramp>() : nullptr;
