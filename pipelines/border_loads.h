@@ -10,7 +10,8 @@
 // tested the same way, so that a half wholly inside still loads whole and only
 // the other half is gathered; failing both, the fold runs as before. The
 // values are the same either way. For a window of lanes clamped to the
-// image's columns the test is scalar: the window's two ends and its row.
+// image's (or an earlier stage's) columns the test is scalar: the window's two
+// ends and its row.
 #pragma once
 
 #include <Halide.h>

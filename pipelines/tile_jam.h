@@ -9,8 +9,8 @@
 // each of them in turn, so the mask loop's own work is shared. Each lane still
 // folds the same samples in the same order. The last group is moved back to
 // end with the run (its first tiles are computed twice, to the same values),
-// and the run's last tile goes through the loop as it was. Border tiles (those with per-lane tests and
-// clamped loads) are left as they are.
+// and the run's last tile goes through the loop as it was. Border tiles (those
+// with per-lane tests and clamped loads) are left to border_loads.h.
 #pragma once
 
 #include <Halide.h>
