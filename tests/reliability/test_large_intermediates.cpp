@@ -6,7 +6,7 @@
 #include <flatmorph_host.h>
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <algorithm>
 #include <random>
 #include <thread>
 #include <vector>
