@@ -3,7 +3,6 @@
 #include "promises.h"
 #include "support/runtime_log.h"
 
-#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstring>
@@ -20,13 +19,6 @@ namespace {
 // Above this a two-stage intermediate is refused by our allocator.
 constexpr uint64_t kAllocationLimit = uint64_t{16} << 20;
 constexpr int kOutputGuard = 64;
-// Buffers with memory keep their mins within this bound, which keeps every
-// coordinate a call derives from them inside 32 bits. Known gap: a two-stage
-// call whose output lies within a mask and a few tiles of 2^31 is not yet
-// refused, and its rows can index the intermediate by wrapped coordinates
-// (single-stage calls and images that pass 2^31 are refused). Raise to
-// INT_MAX once the two-stage entries refuse them too.
-constexpr int32_t kMemoryCoordinateLimit = 1 << 28;
 
 // Reads the input front to back; past its end every byte is 0.
 class Bytes {
@@ -126,7 +118,6 @@ void make_holdable(halide_dimension_t *d) {
     d[1].extent = fold(d[1].extent, -2, 13);
     d[0].stride = fold(d[0].stride, -3, 3);
     d[1].stride = fold(d[1].stride, -140, 140);
-    for (int k = 0; k < 2; k++) d[k].min = std::clamp(d[k].min, -kMemoryCoordinateLimit, kMemoryCoordinateLimit);
 }
 
 // Image samples of the element type (any byte for bool: only bit 0 counts),

@@ -152,13 +152,16 @@ class BorderLoads : public IRMutator {
         const int lanes = choice->type.lanes(), half = lanes / 2;
         auto using_value = [&](const Expr &value) { return make(substitute(Expr(choice), value, with)); };
         // Whether lanes [begin, begin + n) all lie inside: lane-wise, or, for
-        // a clamped window, by its ends and the test of its row alone.
+        // a clamped window, by its ends and the test of its row alone. The
+        // ends are judged in 64 bits: lanes whose columns wrap around 32 bits
+        // are not inside, however the wrapped numbers compare.
         ClampedWindow w;
         const bool window = choice->true_value.as<Load>() && clamped_window(choice->true_value.as<Load>(), &w);
         auto all_inside = [&](int begin, int n) {
             if (!window) return VectorReduce::make(VectorReduce::And, lanes_of(choice->condition, begin, n), 1);
             Expr row_inside = simplify(Shuffle::make_extract_element(choice->condition, begin));
-            return w.start + begin >= w.lo && w.start + (begin + n - 1) <= w.hi && row_inside;
+            Expr first = cast<int64_t>(w.start) + begin;
+            return first >= cast<int64_t>(w.lo) && first + (n - 1) <= cast<int64_t>(w.hi) && row_inside;
         };
         Unclamped unclamped;
         Stmt otherwise = make(with);

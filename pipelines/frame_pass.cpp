@@ -118,10 +118,13 @@ protected:
         // The user context goes in first by itself: halide_malloc is a runtime call.
         Expr block = Call::make(Handle(), "halide_malloc", {size + make_const(UInt(64), bytes)}, Call::Extern);
         // Where the region wraps around 32 bits, the block the rows would need
-        // cannot be had: it is refused as out of memory before any row runs.
+        // cannot be had, and where the call's coordinates would not stay within
+        // 32 bits, the rows would index by wrapped ones: either is refused as
+        // out of memory before any row runs.
         Expr sized_as_stated = cast(UInt(32), op->extents[0]) == intermediate_columns_ &&
                                cast(UInt(32), op->extents[1]) == intermediate_rows_;
-        block = Call::make(Handle(), Call::if_then_else, {sized_as_stated, block, make_zero(Handle())}, Call::PureIntrinsic);
+        Expr usable = sized_as_stated && reach_fits(0) && reach_fits(1);
+        block = Call::make(Handle(), Call::if_then_else, {usable, block, make_zero(Handle())}, Call::PureIntrinsic);
         return Block::make(size_check, Allocate::make(op->name, op->type, op->memory_type, op->extents, op->condition,
                                                       mutate(op->body), block, "halide_free"));
     }
@@ -167,12 +170,27 @@ private:
                label->value == "Input buffer keyimForType";
     }
 
+    // Whether the coordinates a call works with stay within 32 bits in
+    // dimension d: the mask around the output, and the whole span from image
+    // to output with the mask around it (the loop bounds of the rows measure
+    // one from the other), with a margin for the lanes a wide path computes
+    // beyond its columns. Otherwise rows would index by wrapped coordinates.
+    Expr reach_fits(int d) const {
+        const std::string dim = std::to_string(d);
+        const Span &out = output_span_[d];
+        Expr i0 = cast<int64_t>(Variable::make(Int(32), "keyimForType.min." + dim));
+        Expr i1 = i0 + cast<int64_t>(Variable::make(Int(32), "keyimForType.extent." + dim));
+        Expr o0 = cast<int64_t>(out.lo), o1 = cast<int64_t>(out.hi);
+        Expr margin = cast<int64_t>(Variable::make(Int(32), "strel.extent." + dim)) + 256;
+        return o0 - margin >= INT32_MIN && o1 + margin <= INT32_MAX && max(i1, o1) - min(i0, o0) + margin <= INT32_MAX;
+    }
+
     // The image must hold its required region, judged in 64 bits so that an
     // image whose own span passes 2^31 is refused rather than wrapped into
-    // range. A single-stage call whose mask reaches past 2^31 from the output
-    // is refused too: its rows would index the image by wrapped coordinates.
-    // (A two-stage call gets that far only to have its intermediate sized,
-    // and huge masks must meet that size check first.)
+    // range. A single-stage call whose coordinates would not stay within 32
+    // bits is refused here too. (A two-stage call is refused beside its
+    // intermediate's allocation instead, since huge masks must meet that
+    // block's size check first.)
     Expr image_region_fits(const Expr &dimension) const {
         const int64_t *d = as_const_int(dimension);
         if (!d || *d < 0 || *d > 1) throw std::logic_error("unexpected dimension of an image region check");
@@ -180,12 +198,8 @@ private:
         Expr i0 = cast<int64_t>(Variable::make(Int(32), "keyimForType.min." + dim));
         Expr iw = cast<int64_t>(Variable::make(Int(32), "keyimForType.extent." + dim));
         const Span &reach = image_reach_[*d];
-        const Span &out = output_span_[*d];
-        Expr mask = cast<int64_t>(Variable::make(Int(32), "strel.extent." + dim));
-        // The margin covers the lanes a wide path computes beyond its columns.
-        Expr reach_fits = cast<int64_t>(out.lo) - mask - 256 >= INT32_MIN && cast<int64_t>(out.hi) + mask + 256 <= INT32_MAX;
         Expr holds = cast<int64_t>(reach.lo) >= i0 && cast<int64_t>(reach.hi) <= i0 + iw;
-        return single_stage_ ? holds && reach_fits : holds;
+        return single_stage_ ? holds && reach_fits(static_cast<int>(*d)) : holds;
     }
 
     bool is_output_columns_check(const Call *report) const {

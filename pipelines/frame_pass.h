@@ -10,12 +10,14 @@
 //    widened by the inward-shifted tiles of the wide path (the residual
 //    filters add the output tile region, which they read directly), and
 //    checks it in 64 bits, refusing an image whose span passes 2^31 and a
-//    single-stage call whose mask reaches past 2^31 from the output;
+//    single-stage call whose coordinates would pass 2^31 (the mask around the
+//    output, or the span from image to output);
 //  - checks the size of an intermediate on the exact product (Halide's own
 //    check misses sizes that wrap 64 bits) and asks `halide_malloc` for
 //    exactly that size plus one spare element; an intermediate whose region
-//    wraps around 32 bits (so its rows would not agree with its size) is
-//    refused as out of memory before any row runs.
+//    wraps around 32 bits (so its rows would not agree with its size), or a
+//    two-stage call whose coordinates would pass 2^31, is refused as out of
+//    memory before any row runs.
 #pragma once
 
 #include "stages.h"

@@ -195,6 +195,48 @@ TEST(TwoStage, OneAllocationOfExactlyTheIntermediate) {
 // An intermediate beyond 2^63 - 1 bytes is refused before any allocation, also
 // when its exact size does not fit 64 bits; one that fits is asked for and, if
 // the allocator fails, reported as out of memory.
+// Coordinates that would pass 2^31 (the mask around the output, or the span
+// from image to output) are refused as out of memory before the block is asked
+// for, since the rows would index by wrapped coordinates; just inside, the call
+// runs. Images of 40 x 2 samples (wide for uint8 on tag none), masks of 3 x 3.
+TEST(TwoStage, CoordinatesNear2To31) {
+    struct Row {
+        const char *filter;
+        int image_x0, output_x0, output_w;
+        int status;
+    };
+    const int top = INT32_MAX - 100;  // an image of 40 columns ending 60 below 2^31
+    const std::vector<Row> rows = {
+        {"imopen", top, top, 40, -11},              // the mask reaches past 2^31 from the output
+        {"imtophat", top - 300, top - 300, 40, 0},  // far enough from 2^31: runs
+        {"imclose", top, -19, 16, -11},             // image and output 2^31 apart
+        {"imclose", top, 100000, 16, 0},            // far apart, but within 2^31
+        {"imopen", INT32_MIN + 10, INT32_MIN + 10, 40, -11},
+    };
+    for (const Row &r : rows) {
+        SCOPED_TRACE(std::string(r.filter) + " image at " + std::to_string(r.image_x0) + ", output at " +
+                     std::to_string(r.output_x0));
+        const Variant v{&filter(r.filter), &element("uint8"), "none"};
+        Problem p;
+        p.elem = v.elem;
+        p.filter = v.filter;
+        p.image = {r.image_x0, 0, 40, 2};
+        p.pixels.assign(80, 7);
+        p.mask = {3, 3, std::vector<uint8_t>(9, 1)};
+        p.output = {r.output_x0, 0, r.output_w, 2};
+        Call call(p);
+        Hooks hooks;
+        EXPECT_EQ(call.run(entry(v)), r.status);
+        if (r.status == -11) {
+            EXPECT_TRUE(Hooks::sizes.empty()) << "no block is asked for";
+            ASSERT_FALSE(runtime_log().calls.empty());
+            EXPECT_EQ(runtime_log().calls.back(), "halide_error_out_of_memory()");
+        } else {
+            EXPECT_EQ(Hooks::sizes.size(), 1u);
+        }
+    }
+}
+
 TEST(TwoStage, IntermediateSizeLimit) {
     struct Row {
         const char *type, *filter;

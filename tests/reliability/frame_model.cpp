@@ -164,6 +164,17 @@ Prediction predict_call(const Variant &v, halide_buffer_t *const args[4], uint64
         const char *first_stage = v.filter->erosion_first() ? "imerode" : "imdilate";
         return refused({-5, call("halide_error_buffer_allocation_too_large", first_stage, low_bits, limit)});
     }
+    // Coordinates that would pass 2^31 (the mask around the output, or the
+    // span from image to output with it, and a margin for the lanes of a wide
+    // path) are refused before the block is asked for.
+    const Region out = region_of(output), in = region_of(image);
+    auto fits = [](int64_t i0, int64_t iw, int64_t o0, int64_t ow, int64_t mask) {
+        const int64_t margin = mask + 256, o1 = o0 + ow, i1 = i0 + iw;
+        return o0 - margin >= INT32_MIN && o1 + margin <= INT32_MAX &&
+               std::max(i1, o1) - std::min(i0, o0) + margin <= INT32_MAX;
+    };
+    if (!fits(in.x0, in.w, out.x0, out.w, sx) || !fits(in.y0, in.h, out.y0, out.h, sy))
+        return refused({-11, call("halide_error_out_of_memory")});
     p.allocates = true;
     p.request_bytes = low_bits + v.elem->bytes;
     if (p.request_bytes > allocation_limit) {
