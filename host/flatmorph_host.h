@@ -143,27 +143,10 @@ inline Pipeline find_pipeline(const std::string &name) {
     return reinterpret_cast<Pipeline>(dlsym(RTLD_DEFAULT, name.c_str()));
 }
 
-namespace detail {
-
-template <typename T>
-struct Identity {
-    using type = T;
-};
-// Keeps a parameter out of template argument deduction, so conversions apply.
-template <typename T>
-using NonDeduced = typename Identity<T>::type;
-
-inline thread_local std::string last_message;
-
-inline void keep_message(void *, const char *message) { last_message = message ? message : ""; }
-
-inline void install_error_handler() {
-    static const bool installed = (halide_set_error_handler(keep_message), true);
-    (void)installed;
-}
-
-// A two-dimensional descriptor with stride 1 along rows. Not copyable: the
-// buffer points at its own dimension array.
+// A two-dimensional halide_buffer_t over the caller's memory, with stride 1
+// along rows and `row_stride` elements from one row to the next (a null
+// `host` makes it a bounds query). Not copyable: the buffer points at its own
+// dimension array.
 struct Descriptor {
     halide_dimension_t dims[2];
     halide_buffer_t buffer{};
@@ -182,6 +165,25 @@ struct Descriptor {
     halide_buffer_t *raw() { return &buffer; }
     Region region() const { return {dims[0].min, dims[0].extent, dims[1].min, dims[1].extent}; }
 };
+
+namespace detail {
+
+template <typename T>
+struct Identity {
+    using type = T;
+};
+// Keeps a parameter out of template argument deduction, so conversions apply.
+template <typename T>
+using NonDeduced = typename Identity<T>::type;
+
+inline thread_local std::string last_message;
+
+inline void keep_message(void *, const char *message) { last_message = message ? message : ""; }
+
+inline void install_error_handler() {
+    static const bool installed = (halide_set_error_handler(keep_message), true);
+    (void)installed;
+}
 
 inline Status front_end_error(std::string message) {
     return {halide_error_code_generic_error, std::move(message)};
@@ -222,12 +224,12 @@ Status run(Filter filter, Tag tag, Plane<const detail::NonDeduced<T>> image, Mas
 
     const double pad_values[2] = {pads.low, pads.high};
     const halide_type_t type = Element<T>::type();
-    detail::Descriptor in(type, image.data, {image.min_x, image.width, image.min_y, image.height},
+    Descriptor in(type, image.data, {image.min_x, image.width, image.min_y, image.height},
                           image.row_stride());
-    detail::Descriptor minmax(halide_type_t(halide_type_float, 64), pad_values, {0, 2, 0, 1}, 2);
-    detail::Descriptor strel(halide_type_t(halide_type_uint, 8), mask.data, {0, mask.width, 0, mask.height},
+    Descriptor minmax(halide_type_t(halide_type_float, 64), pad_values, {0, 2, 0, 1}, 2);
+    Descriptor strel(halide_type_t(halide_type_uint, 8), mask.data, {0, mask.width, 0, mask.height},
                              mask.stride ? mask.stride : mask.width);
-    detail::Descriptor out(type, output.data, {output.min_x, output.width, output.min_y, output.height},
+    Descriptor out(type, output.data, {output.min_x, output.width, output.min_y, output.height},
                            output.row_stride());
     return detail::call(pipeline, in, minmax, strel, out);
 }
@@ -243,11 +245,11 @@ Status query(Filter filter, Tag tag, Region image, int mask_width, int mask_heig
     if (Status refused = detail::resolve<T>(filter, tag, &pipeline); !refused.ok()) return refused;
 
     const halide_type_t type = Element<T>::type();
-    detail::Descriptor in(type, nullptr, image, image.width);
-    detail::Descriptor minmax(halide_type_t(halide_type_float, 64), nullptr, {0, 2, 0, 1}, 2);
-    detail::Descriptor strel(halide_type_t(halide_type_uint, 8), nullptr, {0, mask_width, 0, mask_height},
+    Descriptor in(type, nullptr, image, image.width);
+    Descriptor minmax(halide_type_t(halide_type_float, 64), nullptr, {0, 2, 0, 1}, 2);
+    Descriptor strel(halide_type_t(halide_type_uint, 8), nullptr, {0, mask_width, 0, mask_height},
                              mask_width);
-    detail::Descriptor out(type, nullptr, output, output.width);
+    Descriptor out(type, nullptr, output, output.width);
     Status status = detail::call(pipeline, in, minmax, strel, out);
     if (status.ok()) *answer = {in.region(), minmax.region(), strel.region(), out.region()};
     return status;
