@@ -9,6 +9,14 @@ namespace {
 
 bool is_gather(const Load *op) { return op->type.is_vector() && !op->index.as<Ramp>(); }
 
+// The gathered load a sample is, perhaps converted (bool images are read as
+// bytes), or null.
+const Load *gathered_load(Expr e) {
+    while (const Cast *c = e.as<Cast>()) e = c->value;
+    const Load *load = e.as<Load>();
+    return load && is_gather(load) ? load : nullptr;
+}
+
 // The first lane-wise choice between a gathered sample and something else:
 // select(inside, load of clamped lanes, pad).
 class FindPaddedGather : public IRVisitor {
@@ -19,22 +27,11 @@ private:
     using IRVisitor::visit;
     void visit(const Select *op) override {
         if (found) return;
-        if (op->type.is_vector() && op->condition.type().is_vector() && has_gather(op->true_value)) {
+        if (op->type.is_vector() && op->condition.type().is_vector() && gathered_load(op->true_value)) {
             found = op;
             return;
         }
         IRVisitor::visit(op);
-    }
-    static bool has_gather(const Expr &e) {
-        class Gathers : public IRVisitor {
-            using IRVisitor::visit;
-            void visit(const Load *op) override { any = any || is_gather(op); }
-
-        public:
-            bool any = false;
-        } gathers;
-        e.accept(&gathers);
-        return gathers.any;
     }
 };
 
@@ -138,40 +135,37 @@ bool clamped_window(const Load *gather, ClampedWindow *w) {
 class BorderLoads : public IRMutator {
     using IRMutator::visit;
 
-    // `with` holds a padded gather: test its lanes at once, and where all are
-    // inside use the same statement with a whole-vector load. Otherwise, on a
-    // tile that straddles the image's edge, one half of the lanes often lies
-    // wholly inside: that half takes a whole-vector load and only the other
-    // half is gathered.
+    // `with` holds a padded gather over a window of columns clamped to the
+    // image's (or an earlier stage's): test its lanes at once by the window's
+    // two ends and its row, and where all are inside use the same statement
+    // with a whole-vector load. Otherwise, on a tile that straddles the edge,
+    // one half of the lanes often lies wholly inside: that half takes a
+    // whole-vector load and only the other half is gathered. The ends are
+    // judged in 64 bits: lanes whose columns wrap around 32 bits are not
+    // inside, however the wrapped numbers compare.
     template <typename MakeStmt>
     Stmt both_ways(const Expr &with, MakeStmt make) {
         FindPaddedGather finder;
         with.accept(&finder);
-        if (!finder.found) return make(with);
+        ClampedWindow w;
+        if (!finder.found || !clamped_window(gathered_load(finder.found->true_value), &w)) return make(with);
         const Select *choice = finder.found;
         const int lanes = choice->type.lanes(), half = lanes / 2;
         auto using_value = [&](const Expr &value) { return make(substitute(Expr(choice), value, with)); };
-        // Whether lanes [begin, begin + n) all lie inside: lane-wise, or, for
-        // a clamped window, by its ends and the test of its row alone. The
-        // ends are judged in 64 bits: lanes whose columns wrap around 32 bits
-        // are not inside, however the wrapped numbers compare.
-        ClampedWindow w;
-        const bool window = choice->true_value.as<Load>() && clamped_window(choice->true_value.as<Load>(), &w);
         auto all_inside = [&](int begin, int n) {
-            if (!window) return VectorReduce::make(VectorReduce::And, lanes_of(choice->condition, begin, n), 1);
             Expr row_inside = simplify(Shuffle::make_extract_element(choice->condition, begin));
             Expr first = cast<int64_t>(w.start) + begin;
             return first >= cast<int64_t>(w.lo) && first + (n - 1) <= cast<int64_t>(w.hi) && row_inside;
         };
         Unclamped unclamped;
         Stmt otherwise = make(with);
-        if (lanes >= 8 && choice->true_value.as<Load>()) {
+        if (lanes >= 8) {
             Expr halves[2][2];  // [half][0: as it was, 1: whole-vector load]
             for (int h = 0; h < 2; h++) {
-                Expr load = lanes_of(choice->true_value, h * half, half);
-                halves[h][0] = select(lanes_of(choice->condition, h * half, half), load,
+                Expr sample = lanes_of(choice->true_value, h * half, half);
+                halves[h][0] = select(lanes_of(choice->condition, h * half, half), sample,
                                       lanes_of(choice->false_value, h * half, half));
-                halves[h][1] = unclamped.mutate(load);
+                halves[h][1] = unclamped.mutate(sample);
             }
             otherwise = IfThenElse::make(
                 all_inside(0, half), using_value(Shuffle::make_concat({halves[0][1], halves[1][0]})),
