@@ -35,16 +35,36 @@ private:
     }
 };
 
+// A vector clamp of columns, max(min(ramp, hi), lo), which the simplifier may
+// also state as max(min(ramp, hi) + c, lo): the lanes it clamps and its bounds.
+struct ClampedLanes {
+    Expr lanes, lo, hi;
+};
+
+bool clamped_lanes(const Max *clamp, ClampedLanes *c) {
+    const Broadcast *lo = clamp->b.as<Broadcast>();
+    const Add *shifted = clamp->a.as<Add>();
+    const Broadcast *shift = shifted ? shifted->b.as<Broadcast>() : nullptr;
+    const Min *below_hi = shift ? shifted->a.as<Min>() : clamp->a.as<Min>();
+    const Ramp *lanes = below_hi ? below_hi->a.as<Ramp>() : nullptr;
+    const Broadcast *hi = below_hi ? below_hi->b.as<Broadcast>() : nullptr;
+    if (!lo || !lanes || !hi) return false;
+    Expr offset = shift ? shift->value : make_zero(lanes->base.type());
+    *c = {Ramp::make(simplify(lanes->base + offset), lanes->stride, lanes->lanes), lo->value,
+          simplify(hi->value + offset)};
+    return true;
+}
+
 // The gathered value with its lanes' clamps dropped and its index stated as
-// the dense ramp it then is: in the index, max(min(ramp, hi), lo) becomes the
+// the dense ramp it then is: in the index, a clamp of columns becomes the
 // ramp, and widening or offsetting a ramp gives a ramp.
 class Unclamped : public IRMutator {
     using IRMutator::visit;
     bool in_index_ = false;
 
     Expr visit(const Max *op) override {
-        const Min *inner = op->a.as<Min>();
-        if (in_index_ && op->type.is_vector() && inner && inner->a.as<Ramp>()) return mutate(inner->a);
+        ClampedLanes c;
+        if (in_index_ && op->type.is_vector() && clamped_lanes(op, &c)) return c.lanes;
         return IRMutator::visit(op);
     }
     Expr visit(const Cast *op) override {
@@ -123,12 +143,11 @@ bool clamped_window(const Load *gather, ClampedWindow *w) {
     const Sub *rebased = column.defined() ? column.as<Sub>() : nullptr;
     if (rebased && rebased->b.as<Broadcast>()) column = rebased->a;
     const Max *above_lo = column.defined() ? column.as<Max>() : nullptr;
-    const Min *below_hi = above_lo ? above_lo->a.as<Min>() : nullptr;
-    const Broadcast *lo = above_lo ? above_lo->b.as<Broadcast>() : nullptr;
-    const Ramp *lanes = below_hi ? below_hi->a.as<Ramp>() : nullptr;
-    const Broadcast *hi = below_hi ? below_hi->b.as<Broadcast>() : nullptr;
-    if (!add || !add->b.as<Broadcast>() || !lo || !lanes || !hi || !is_const_one(lanes->stride)) return false;
-    *w = {lanes->base, lo->value, hi->value};
+    ClampedLanes c;
+    if (!add || !add->b.as<Broadcast>() || !above_lo || !clamped_lanes(above_lo, &c)) return false;
+    const Ramp *lanes = c.lanes.as<Ramp>();
+    if (!is_const_one(lanes->stride)) return false;
+    *w = {lanes->base, c.lo, c.hi};
     return true;
 }
 

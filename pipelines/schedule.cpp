@@ -45,4 +45,22 @@ void schedule_filter(const FilterDefinition &filter, const Inputs &in, int vw) {
     }
 }
 
+void schedule_full_mask(const FullMaskStage &stage, int vw) {
+    // Rows in parallel; a row in chunks (the last one shifted inward), a chunk
+    // in tiles of one vector. A chunk first folds the image columns it reaches
+    // over the mask's rows into its buffer, then each tile folds its columns
+    // of that buffer over the mask's columns in a register.
+    Var chunk("chunk"), column("column"), tile("tile"), lane("lane");
+    Func result = stage.result, columns = stage.columns, accumulator = stage.accumulator;
+    result.parallel(y)
+        .split(x, chunk, column, full_mask_chunk, TailStrategy::ShiftInwards)
+        .split(column, tile, lane, vw)
+        .vectorize(lane);
+    columns.compute_at(result, chunk).bound_extent(x, full_mask_chunk + full_mask_max_columns - 1);
+    columns.vectorize(x, vw);
+    columns.update().vectorize(x, vw).reorder(stage.rows, x);
+    accumulator.compute_at(result, tile).vectorize(x, vw);
+    accumulator.update().reorder(x, stage.cols).vectorize(x, vw);
+}
+
 }  // namespace flatmorph

@@ -16,4 +16,12 @@ int tiles_in_flight(int vector_width);
 
 void schedule_filter(const FilterDefinition &filter, const Inputs &in, int vector_width);
 
+// The full-mask path walks a row in chunks of this many output columns, each
+// with its column folds in a stack buffer of a fixed size; it serves outputs at
+// least one chunk wide and masks at most this many columns wide.
+constexpr int full_mask_chunk = 256;
+constexpr int full_mask_max_columns = 65;
+
+void schedule_full_mask(const FullMaskStage &stage, int vector_width);
+
 }  // namespace flatmorph

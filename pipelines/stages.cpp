@@ -30,14 +30,17 @@ Expr se_origin(Expr extent) {
 
 // The image sample at (a, b), or `pad` outside the image's own rectangle. The
 // clamped load never leaves the image; its value is discarded outside.
-Sampler padded_image(const Inputs &in, Expr pad) {
-    return [&in, pad](Expr a, Expr b) {
+// `columns_inside` marks the column test as the likely case, by default for
+// the loop Halide partitions first; a stage whose outer loops should stay
+// whole passes likely_if_innermost, so that only its vector loop is split.
+Sampler padded_image(const Inputs &in, Expr pad, Expr (*columns_inside)(Expr) = likely) {
+    return [&in, pad, columns_inside](Expr a, Expr b) {
         Expr ix0 = in.image.dim(0).min(), ix1 = ix0 + in.image.dim(0).extent();
         Expr iy0 = in.image.dim(1).min(), iy1 = iy0 + in.image.dim(1).extent();
         // Row and column tests are separate so that the mask loops can be
         // partitioned on each: the middle rows and interior columns test nothing.
         Expr load = in.image(clamp(a, ix0, ix1 - 1), clamp(b, iy0, iy1 - 1));
-        return select(likely(b >= iy0 && b < iy1), select(likely(a >= ix0 && a < ix1), load, pad), pad);
+        return select(likely(b >= iy0 && b < iy1), select(columns_inside(a >= ix0 && a < ix1), load, pad), pad);
     };
 }
 
@@ -92,6 +95,26 @@ Stage fold_stage(const std::string &name, Fold fold, const Inputs &in, const Mas
 }
 
 }  // namespace
+
+FullMaskStage define_full_mask_filter(const std::string &filter, const Inputs &in, const std::string &name) {
+    const Fold fold = filter == "imdilate" ? Fold::Max : Fold::Min;
+    const MaskGeometry m(in);
+    const Sampler sample = padded_image(in, convert_pad(in.minmax(fold == Fold::Max ? 0 : 1, 0), in.image.type()),
+                                        likely_if_innermost);
+    // Each fold starts from its first sample rather than the identity, which
+    // is the same for these folds (the path needs a mask of one element at least).
+    FullMaskStage s{Func(name + "_columns"), Func(name + "_fold"), Func(name), RDom(1, m.sy - 1, name + "_rows"),
+                    RDom(1, m.sx - 1, name + "_cols")};
+    // The same offsets as the element-wise fold: reflected for a dilation.
+    auto row = [&](Expr j) { return fold == Fold::Max ? y + m.cy - j : y + j - m.cy; };
+    auto column = [&](Expr k) { return fold == Fold::Max ? x + m.cx - k : x + k - m.cx; };
+    s.columns(x, y) = sample(x, row(0));
+    s.columns(x, y) = fold_step(fold, s.columns(x, y), sample(x, row(s.rows)));
+    s.accumulator(x, y) = s.columns(column(0), y);
+    s.accumulator(x, y) = fold_step(fold, s.accumulator(x, y), s.columns(column(s.cols), y));
+    s.result(x, y) = s.accumulator(x, y);
+    return s;
+}
 
 std::string output_name(const std::string &filter) {
     static const std::map<std::string, std::string> outputs = {

@@ -7,6 +7,7 @@ add_executable(flatmorph_compile
   pipelines/compile_variant.cpp
   pipelines/element_rules.cpp
   pipelines/frame_pass.cpp
+  pipelines/full_mask_path.cpp
   pipelines/schedule.cpp
   pipelines/stages.cpp
   pipelines/targets.cpp

@@ -53,6 +53,10 @@ static Problem any_problem(const Variant &v, std::mt19937 &rng) {
     p.image.w = one_of<int>(rng, {1, 2, 3, vw - 1, vw, vw + 1, vw + 2, 2 * vw + 3, pick(rng, 1, 2 * vw + 5),
                                   pick(rng, 4 * vw, 320 + 4 * vw)});
     p.image.w = std::max(p.image.w, 1);
+    // Now and then a mask with every element active on an image and an output
+    // of at least 256 columns, which single-stage integer filters fold column first.
+    const bool full_mask = pick(rng, 0, 5) == 0;
+    if (full_mask) p.image.w = pick(rng, 256, 520);
     p.image.h = pick(rng, 1, 9);
     if (pick(rng, 0, 2) > 0) {
         p.image.x0 = pick(rng, -6, 6);
@@ -69,6 +73,13 @@ static Problem any_problem(const Variant &v, std::mt19937 &rng) {
     const bool sparse = pick(rng, 0, 3) == 0;
     for (int i = 0; i < p.mask.sx * p.mask.sy; i++)
         p.mask.bytes.push_back(sparse ? one_of<int>(rng, {0, 1, 2, 255}) : one_of<int>(rng, {1, 1, 1, 1, 0, 2}));
+    if (full_mask) {
+        // Squares, rectangles and lines, up to just past the widest mask the
+        // column-first path takes (65 columns).
+        p.mask.sx = one_of<int>(rng, {1, 3, 5, 9, 21, 64, 65, 66, pick(rng, 1, 70)});
+        p.mask.sy = one_of<int>(rng, {1, 2, 5, 7, pick(rng, 1, p.image.h + 3)});
+        p.mask.bytes.assign(static_cast<size_t>(p.mask.sx * p.mask.sy), 1);
+    }
 
     p.low_pad = random_pad(*v.elem, rng);
     p.high_pad = random_pad(*v.elem, rng);
@@ -84,6 +95,7 @@ static Problem any_problem(const Variant &v, std::mt19937 &rng) {
         p.output.y0 = p.image.y0 + pick(rng, 0, p.image.h - p.output.h);
     } else {
         p.output.w = wide ? pick(rng, vw, std::max(2 * vw + 5, p.image.w + 6)) : pick(rng, 0, p.image.w + 6);
+        if (full_mask) p.output.w = pick(rng, 250, p.image.w + 6);
         p.output.h = pick(rng, 0, p.image.h + 4);
         p.output.x0 = p.image.x0 + pick(rng, -6, p.image.w + 2);
         p.output.y0 = p.image.y0 + pick(rng, -4, p.image.h + 2);
