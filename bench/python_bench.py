@@ -29,6 +29,7 @@ from distributed import Client, LocalCluster
 import flatmorph
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "..", "examples", "out_of_core"))
+sys.dont_write_bytecode = True  # no __pycache__ in the example's folder
 import tophat_zarr  # noqa: E402  (the example, beside this folder)
 
 
@@ -144,7 +145,9 @@ def markdown(rows, throughput, args, seconds):
         "calls it (default threads: ours and OpenCV's run on oneTBB, scipy and scikit-image on one thread), "
         "on the same square noise image and mask. `square3` is a 3 x 3 square, `disk7` a disk of radius 7 "
         f"(15 x 15, {int(MASKS['disk7'].sum())} elements). The 16 x 16 rows show what a call costs beyond the filtering: "
-        "the binding's argument checks and the library's frame.",
+        "the binding's argument checks and the library's frame."
+        + (" The load average above the core count means other work shared the processors during the run: "
+           "the figures carry that noise; regenerate on a quiet machine." if load > os.cpu_count() else ""),
         "",
         "| type | size | mask | filter | " + " | ".join(f"{lib} ms" for lib in libs) + " | flatmorph / OpenCV |",
         "|---|---|---|---|" + "---|" * len(libs) + "---|",

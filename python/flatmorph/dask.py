@@ -37,9 +37,9 @@ def halo(name, dtype, footprint_shape, tag):
     side = 2 * margin + _PROBE_WIDTH
     output = (margin, _PROBE_WIDTH, margin, _PROBE_WIDTH)
     (x, width, y, height), _ = _flatmorph.query(name, dtype, tag, (0, side, 0, side), columns, rows, output)
-    reach = lambda before, after: (max(before, 0), max(after, 0))
     end = margin + _PROBE_WIDTH
-    return reach(margin - y, y + height - end), reach(margin - x, x + width - end)
+    # An empty footprint reads less than the output itself: no halo.
+    return ((max(margin - y, 0), max(y + height - end, 0)), (max(margin - x, 0), max(x + width - end, 0)))
 
 
 def filter_region(name, tile, strel, top, left, height, width, low, high, tag):
