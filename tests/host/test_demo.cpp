@@ -24,8 +24,9 @@ namespace fs = std::filesystem;
 const char *const kFilters[] = {"imdilate", "imerode", "imopen", "imclose", "imtophat", "imbothat"};
 
 struct DemoRun {
-    bool exited = false;  // ended by exit, not by a signal
-    int exit_code = -1;
+    fs::path folder;
+    bool exited;  // ended by exit, not by a signal
+    int exit_code;
     std::string out, err;
 };
 
@@ -37,7 +38,7 @@ std::string read_text(const fs::path &path) {
 
 // Makes a fresh folder for the test holding the input files the rows name,
 // runs the demo there with `arguments` ({dir} stands for the folder).
-DemoRun run_demo(std::string arguments, fs::path *folder_out = nullptr) {
+DemoRun run_demo(std::string arguments) {
     const testing::TestInfo *test = testing::UnitTest::GetInstance()->current_test_info();
     const fs::path folder = fs::path(FLATMORPH_TEST_DIR) / (std::string(test->test_suite_name()) + "." + test->name());
     fs::remove_all(folder);
@@ -59,17 +60,15 @@ DemoRun run_demo(std::string arguments, fs::path *folder_out = nullptr) {
     const std::string command = std::string(FLATMORPH_DEMO) + " " + arguments + " >" + (folder / "stdout").string() +
                                 " 2>" + (folder / "stderr").string();
     const int raw = std::system(command.c_str());
-    if (folder_out) *folder_out = folder;
-    return {WIFEXITED(raw), WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, read_text(folder / "stdout"),
+    return {folder, WIFEXITED(raw), WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, read_text(folder / "stdout"),
             read_text(folder / "stderr")};
 }
 
 cv::Mat read_image(const fs::path &path) { return cv::imread(path.string(), cv::IMREAD_UNCHANGED); }
 
 struct GoodRun {
-    const char *name;
-    const char *arguments;
-    const char *input;  // file in the test's folder, or "" for the built-in image
+    const char *name, *arguments;
+    const char *input;       // file in the test's folder, or "" for the built-in image
     const char *type, *tag;  // tag "" : the widest this processor runs
     int width, height, depth;
     cv::Size rectangle;  // the mask if it is one, else empty
@@ -92,10 +91,11 @@ TEST_P(DemoRuns, WriteEveryFilterAndReportItsSpeed) {
     const GoodRun &r = GetParam();
     std::string why;
     if (*r.tag && !fmtest::cpu_supports(r.tag, &why)) GTEST_SKIP() << "this CPU lacks" << why << " for tag " << r.tag;
-    const std::string tag = *r.tag ? r.tag : fmtest::cpu_supports("avx2") ? "avx2" : fmtest::cpu_supports("avx") ? "avx" : "none";
-    fs::path folder;
+    const std::string widest = fmtest::cpu_supports("avx2") ? "avx2" : fmtest::cpu_supports("avx") ? "avx" : "none";
+    const std::string tag = *r.tag ? r.tag : widest;
     const DemoRun run = run_demo(std::string(*r.input ? "--input {dir}/" : "") + r.input + " " + r.arguments +
-                                     " --output {dir}/out", &folder);
+                                 " --output {dir}/out");
+    const fs::path out_folder = run.folder / "out";
     ASSERT_EQ(run.exit_code, 0) << run.err;
     EXPECT_EQ(run.err, "");
 
@@ -106,16 +106,16 @@ TEST_P(DemoRuns, WriteEveryFilterAndReportItsSpeed) {
         EXPECT_GT(std::stod(speed[1]), 0) << filter;
     }
 
-    const cv::Mat input = read_image(folder / "out/input.png");
+    const cv::Mat input = read_image(out_folder / "input.png");
     ASSERT_EQ(input.size(), cv::Size(r.width, r.height));
     EXPECT_EQ(input.type(), r.depth);
     if (*r.input) {
-        const cv::Mat as_read = cv::imread((folder / r.input).string(), cv::IMREAD_GRAYSCALE | cv::IMREAD_ANYDEPTH);
+        const cv::Mat as_read = cv::imread((run.folder / r.input).string(), cv::IMREAD_GRAYSCALE | cv::IMREAD_ANYDEPTH);
         EXPECT_EQ(cv::norm(input, as_read, cv::NORM_INF), 0) << "input.png is not the input in grey";
     }
     std::map<std::string, cv::Mat> out;
     for (const char *filter : kFilters) {
-        out[filter] = read_image(folder / "out" / (std::string(filter) + ".png"));
+        out[filter] = read_image(out_folder / (std::string(filter) + ".png"));
         ASSERT_EQ(out[filter].size(), input.size()) << filter;
         ASSERT_EQ(out[filter].type(), input.type()) << filter;
     }
@@ -135,7 +135,7 @@ TEST_P(DemoRuns, WriteEveryFilterAndReportItsSpeed) {
         EXPECT_EQ(cv::norm(out["imerode"], eroded, cv::NORM_INF), 0);
     }
 
-    const cv::Mat sheet = read_image(folder / "out/contact-sheet.png");
+    const cv::Mat sheet = read_image(out_folder / "contact-sheet.png");
     EXPECT_GE(sheet.cols, 4 * 256);
     EXPECT_GE(sheet.rows, 2 * 256 * r.height / std::max(r.width, r.height));
 }
@@ -178,15 +178,14 @@ const BadInput kBadInputs[] = {
 class DemoBadInput : public testing::TestWithParam<BadInput> {};
 
 TEST_P(DemoBadInput, EndsWithOneLineErrorAndNoOutput) {
-    fs::path folder;
-    const DemoRun run = run_demo(std::string("--repeat 1 --output {dir}/out ") + GetParam().arguments, &folder);
+    const DemoRun run = run_demo(std::string("--repeat 1 --output {dir}/out ") + GetParam().arguments);
     ASSERT_TRUE(run.exited) << "ended by a signal";
     EXPECT_NE(run.exit_code, 0);
     EXPECT_EQ(run.out, "");
     EXPECT_EQ(run.err.rfind("flatmorph_demo: error: ", 0), 0u) << run.err;
     EXPECT_NE(run.err.find(GetParam().error_words), std::string::npos) << run.err;
     EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
-    EXPECT_FALSE(fs::exists(folder / "out"));
+    EXPECT_FALSE(fs::exists(run.folder / "out"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, DemoBadInput, testing::ValuesIn(kBadInputs),
