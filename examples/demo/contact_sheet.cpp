@@ -33,6 +33,7 @@ Surface panel_surface(const Panel &panel, int gain) {
     Surface surface(cairo_image_surface_create(CAIRO_FORMAT_RGB24, image.width, image.height), cairo_surface_destroy);
     const int stride = cairo_image_surface_get_stride(surface.get()) / 4;
     uint32_t *pixels = reinterpret_cast<uint32_t *>(cairo_image_surface_get_data(surface.get()));
+    if (!pixels) return surface;  // not created: drawing it puts the context in error
     for (int y = 0; y < image.height; y++)
         for (int x = 0; x < image.width; x++) {
             const uint32_t grey = std::min<uint32_t>(image.at(x, y) * gain, image.max_value()) >> (image.bits - 8);
@@ -79,7 +80,8 @@ bool write_contact_sheet(const std::string &path, const std::string &title, cons
     const GreyImage &first = panels.front().image;
     const double longer = std::max(first.width, first.height);
     const double scale = std::clamp(longer, kSmallestPanel, kLargestPanel) / longer;
-    const double panel_w = std::round(first.width * scale), panel_h = std::round(first.height * scale);
+    const double panel_w = std::max(kSmallestPanel / 2, std::round(first.width * scale));  // room for the label
+    const double panel_h = std::max(1.0, std::round(first.height * scale));
     const int rows = (static_cast<int>(panels.size()) + columns - 1) / columns;
     const double cell_w = panel_w + kGap, cell_h = kLabelHeight + panel_h + kGap;
 
@@ -96,7 +98,8 @@ bool write_contact_sheet(const std::string &path, const std::string &title, cons
         draw_panel(cr.get(), panels[i], kGap + static_cast<double>(i % columns) * cell_w,
                    kTitleHeight + static_cast<double>(i / columns) * cell_h + kLabelHeight, panel_w, panel_h);
 
-    const cairo_status_t status = cairo_surface_write_to_png(sheet.get(), path.c_str());
+    cairo_status_t status = cairo_status(cr.get());
+    if (status == CAIRO_STATUS_SUCCESS) status = cairo_surface_write_to_png(sheet.get(), path.c_str());
     if (status != CAIRO_STATUS_SUCCESS) *error = "cannot write " + path + ": " + cairo_status_to_string(status);
     return status == CAIRO_STATUS_SUCCESS;
 }

@@ -14,8 +14,10 @@ namespace demo {
 
 namespace {
 
-// The demo holds an image, its converted samples and six outputs at once.
+// The demo holds an image, its converted samples and six outputs at once, and
+// the contact sheet draws each whole (cairo's images are at most 32767 a side).
 constexpr size_t kMaxPixels = 64 << 20;
+constexpr int kMaxSide = 32767;
 
 // The codecs print their own diagnostics (libpng's among them) on stderr; the
 // demo reports a failure in one line of its own, so their stderr goes to
@@ -59,9 +61,9 @@ bool read_grey_image(const std::string &path, GreyImage *image, std::string *err
     }
     if (read.empty()) return fail("not a readable PNG, PGM or TIFF image");
     if (read.depth() != CV_8U && read.depth() != CV_16U) return fail("samples are neither 8 nor 16 bits wide");
-    if (read.total() > kMaxPixels)
+    if (read.total() > kMaxPixels || read.cols > kMaxSide || read.rows > kMaxSide)
         return fail("image of " + std::to_string(read.cols) + "x" + std::to_string(read.rows) +
-                    " is larger than the demo takes (64 megapixels)");
+                    " is larger than the demo takes (64 megapixels, 32767 a side)");
     *image = GreyImage(read.cols, read.rows, read.depth() == CV_8U ? 8 : 16);
     cv::Mat samples = samples_of(*image);
     read.convertTo(samples, CV_16U);
