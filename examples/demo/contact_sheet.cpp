@@ -1,6 +1,7 @@
 #include "contact_sheet.h"
 
 #include <cairo.h>
+#include <fontconfig/fontconfig.h>
 
 #include <algorithm>
 #include <cmath>
@@ -75,8 +76,10 @@ GreyImage mask_picture(const MaskImage &mask) {
     return picture;
 }
 
-bool write_contact_sheet(const std::string &path, const std::string &title, const std::vector<Panel> &panels,
-                         int columns, std::string *error) {
+namespace {
+
+bool draw_and_write(const std::string &path, const std::string &title, const std::vector<Panel> &panels, int columns,
+                    std::string *error) {
     const GreyImage &first = panels.front().image;
     const double longer = std::max(first.width, first.height);
     const double scale = std::clamp(longer, kSmallestPanel, kLargestPanel) / longer;
@@ -102,6 +105,18 @@ bool write_contact_sheet(const std::string &path, const std::string &title, cons
     if (status == CAIRO_STATUS_SUCCESS) status = cairo_surface_write_to_png(sheet.get(), path.c_str());
     if (status != CAIRO_STATUS_SUCCESS) *error = "cannot write " + path + ": " + cairo_status_to_string(status);
     return status == CAIRO_STATUS_SUCCESS;
+}
+
+}  // namespace
+
+bool write_contact_sheet(const std::string &path, const std::string &title, const std::vector<Panel> &panels,
+                         int columns, std::string *error) {
+    const bool written = draw_and_write(path, title, panels, columns, error);
+    // The font caches of cairo and fontconfig live to the end of the process
+    // otherwise, which leak checkers report.
+    cairo_debug_reset_static_data();
+    FcFini();
+    return written;
 }
 
 }  // namespace demo
