@@ -3,8 +3,8 @@
 // The library itself never looks at the processor: calling an avx or avx2
 // variant on a machine without those instructions ends in an illegal-instruction
 // fault. A host reads the features once, then picks the widest tag they allow.
-// The choice is a pure function of a CpuFeatures value, so it can be checked
-// against any feature set, not only the machine at hand.
+// Reading the registers is a thin wrapper; decoding them and choosing the tag
+// are pure functions, so they can be checked on any register values.
 #pragma once
 
 #include <cpuid.h>
@@ -24,27 +24,29 @@ inline const char *tag_name(Tag tag) {
     }
 }
 
-// Sets `*tag` and returns true if `name` is none, avx or avx2.
-inline bool parse_tag(const std::string &name, Tag *tag) {
-    for (Tag t : {Tag::none, Tag::avx, Tag::avx2})
-        if (name == tag_name(t)) {
-            *tag = t;
-            return true;
-        }
-    return false;
-}
-
 // The processor features the tags depend on, and whether the operating system
 // saves the SSE and AVX register state on a context switch (without that the
 // AVX instructions fault even on a processor that has them).
 struct CpuFeatures {
-    bool sse41 = false;
-    bool avx = false;
-    bool avx2 = false;
-    bool fma = false;
-    bool bmi1 = false;
-    bool os_avx_state = false;  // XCR0 bits 1 (SSE) and 2 (AVX), read by XGETBV
+    bool sse41 = false, avx = false, avx2 = false, fma = false, bmi1 = false;
+    bool os_avx_state = false;
 };
+
+// The registers the features are decoded from.
+struct CpuidRegisters {
+    uint32_t leaf1_ecx = 0;  // CPUID leaf 1
+    uint32_t leaf7_ebx = 0;  // CPUID leaf 7, sub-leaf 0
+    uint64_t xcr0 = 0;       // XGETBV(0); meaningful only when leaf 1 reports OSXSAVE
+};
+
+// The OS saves the AVX state only if it has enabled XSAVE (OSXSAVE) and set
+// both XCR0 bit 1 (SSE state) and bit 2 (AVX state): the upper halves of the
+// YMM registers are lost on a context switch without bit 2.
+inline CpuFeatures decode_cpu_features(const CpuidRegisters &r) {
+    const auto has = [](uint64_t reg, uint64_t bits) { return (reg & bits) == bits; };
+    return {has(r.leaf1_ecx, bit_SSE4_1), has(r.leaf1_ecx, bit_AVX), has(r.leaf7_ebx, bit_AVX2),
+            has(r.leaf1_ecx, bit_FMA),    has(r.leaf7_ebx, bit_BMI), has(r.leaf1_ecx, bit_OSXSAVE) && has(r.xcr0, 0x6)};
+}
 
 // What `tag` needs that `cpu` lacks, as space-separated names; empty if the tag
 // runs. `none` needs only the x86-64 baseline. `avx2` code is compiled for AVX
@@ -75,29 +77,25 @@ inline Tag best_tag(const CpuFeatures &cpu) {
     return Tag::none;
 }
 
-// Reads CPUID leaves 1 and 7 and, where the OS has enabled XSAVE, XCR0.
-inline CpuFeatures detect_cpu_features() {
-    CpuFeatures cpu;
+// The registers of the processor this runs on. XGETBV faults unless the OS
+// has enabled XSAVE, so XCR0 is read only then.
+inline CpuidRegisters read_cpuid_registers() {
+    CpuidRegisters r;
     unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
-    if (!__get_cpuid(1, &eax, &ebx, &ecx, &edx)) return cpu;
-    cpu.sse41 = ecx & bit_SSE4_1;
-    cpu.fma = ecx & bit_FMA;
-    cpu.avx = ecx & bit_AVX;
+    if (!__get_cpuid(1, &eax, &ebx, &ecx, &edx)) return r;
+    r.leaf1_ecx = ecx;
     if (ecx & bit_OSXSAVE) {
-        uint32_t xcr0_low = 0, xcr0_high = 0;
-        __asm__ volatile("xgetbv" : "=a"(xcr0_low), "=d"(xcr0_high) : "c"(0));
-        cpu.os_avx_state = (xcr0_low & 0x6) == 0x6;
+        uint32_t low = 0, high = 0;
+        __asm__ volatile("xgetbv" : "=a"(low), "=d"(high) : "c"(0));
+        r.xcr0 = static_cast<uint64_t>(high) << 32 | low;
     }
-    if (__get_cpuid_count(7, 0, &eax, &ebx, &ecx, &edx)) {
-        cpu.avx2 = ebx & bit_AVX2;
-        cpu.bmi1 = ebx & bit_BMI;
-    }
-    return cpu;
+    if (__get_cpuid_count(7, 0, &eax, &ebx, &ecx, &edx)) r.leaf7_ebx = ebx;
+    return r;
 }
 
 // The features of the processor this runs on, read once.
 inline const CpuFeatures &this_cpu() {
-    static const CpuFeatures cpu = detect_cpu_features();
+    static const CpuFeatures cpu = decode_cpu_features(read_cpuid_registers());
     return cpu;
 }
 

@@ -1,6 +1,6 @@
-// Reading and writing grey images: PNG through libpng, binary PGM (P5) through
-// Halide's image I/O helpers. Colour PNGs are read as their luminance, alpha
-// is dropped, and palette and low bit depths are expanded to 8 bits.
+// Reading and writing grey images through OpenCV's image codecs: PNG, PGM and
+// TIFF (and the other formats they know) at 8 or 16 bits. Colour is read as
+// its luminance and alpha is dropped.
 #pragma once
 
 #include "grey_image.h"

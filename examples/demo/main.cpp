@@ -31,7 +31,6 @@ struct Setup {
     GreyImage input;
     MaskImage mask;
     flatmorph::Tag tag = flatmorph::Tag::none;
-    bool tag_forced = false;
     std::string type;
 };
 
@@ -70,7 +69,7 @@ bool residual(flatmorph::Filter filter) {
 void print_report(const Setup &s, const std::vector<Timing> &timings) {
     std::printf("flatmorph demo: %s, %dx%d, %d-bit; mask %s; tag %s (%s); median of %d run%s per filter\n\n",
                 s.source.c_str(), s.input.width, s.input.height, s.input.bits, s.mask.describe().c_str(),
-                flatmorph::tag_name(s.tag), s.tag_forced ? "as asked" : "the widest this processor runs",
+                flatmorph::tag_name(s.tag), s.options.tag_forced ? "as asked" : "the widest this processor runs",
                 s.options.repeat, s.options.repeat == 1 ? "" : "s");
     std::printf("%-10s %-5s %-8s %14s\n", "filter", "tag", "type", "megapixels/s");
     for (const Timing &t : timings)
@@ -106,7 +105,7 @@ bool time_filters(const Setup &s, const Raster<T> &image, std::vector<Timing> *t
         }
         std::nth_element(seconds.begin(), seconds.begin() + seconds.size() / 2, seconds.end());
         timings->push_back({name, w * static_cast<double>(h) / 1e6 / seconds[seconds.size() / 2]});
-        panels->push_back({name, to_grey(result, s.input.bits, residual(filter))});
+        panels->push_back({name, to_grey(result, s.input.bits, residual(filter)), residual(filter)});
         if (!write_png(output_path(s, name), panels->back().image, error)) return false;
     }
     return true;
@@ -124,7 +123,7 @@ bool run_filters(const Setup &s, std::string *error) {
 
     const std::string title = "flatmorph  " + s.type + "  " + flatmorph::tag_name(s.tag) + "  " +
                               std::to_string(image.width) + "x" + std::to_string(image.height);
-    if (!write_png(output_path(s, "contact-sheet"), contact_sheet(title, panels, 4), error)) return false;
+    if (!write_contact_sheet(output_path(s, "contact-sheet"), title, panels, 4, error)) return false;
     print_report(s, timings);
     return true;
 }
@@ -151,24 +150,27 @@ int fail(const std::string &message, int code) {
 
 int run(int argc, char **argv) {
     Setup s;
-    std::string error;
-    if (!parse_options(argc, argv, &s.options, &error)) return fail(error, kUsageError);
-    if (s.options.help) {
-        std::fputs(kUsage, stdout);
+    CLI::App app("", "flatmorph_demo");
+    std::vector<std::string> types;
+    for (const auto &r : runners()) types.push_back(r.first);
+    declare_options(app, s.options, types);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp &) {
+        std::fputs(app.help().c_str(), stdout);
         return 0;
+    } catch (const CLI::ParseError &e) {
+        return fail(e.what(), kUsageError);
     }
 
-    s.tag_forced = !s.options.tag.empty();
-    if (!s.tag_forced) {
-        s.tag = flatmorph::best_tag(flatmorph::this_cpu());
-    } else if (!flatmorph::parse_tag(s.options.tag, &s.tag)) {
-        return fail("unknown tag '" + s.options.tag + "' (choose none, avx or avx2)", kUsageError);
-    } else if (!flatmorph::can_run(s.tag, flatmorph::this_cpu())) {
-        return fail("this processor cannot run tag " + s.options.tag + ": it lacks " +
-                        flatmorph::missing_features(s.tag, flatmorph::this_cpu()),
+    const flatmorph::CpuFeatures &cpu = flatmorph::this_cpu();
+    s.tag = s.options.tag_forced ? s.options.tag : flatmorph::best_tag(cpu);
+    if (!flatmorph::can_run(s.tag, cpu))
+        return fail(std::string("this processor cannot run tag ") + flatmorph::tag_name(s.tag) + ": it lacks " +
+                        flatmorph::missing_features(s.tag, cpu),
                     kUsageError);
-    }
 
+    std::string error;
     if (s.options.input.empty()) {
         s.source = "built-in micrograph";
         s.input = synthetic_micrograph(s.options.width, s.options.height);
@@ -181,10 +183,6 @@ int run(int argc, char **argv) {
     s.type = s.options.type.empty() ? (s.input.bits == 8 ? "uint8" : "uint16") : s.options.type;
     const auto &table = runners();
     const auto chosen = std::find_if(table.begin(), table.end(), [&](const auto &r) { return s.type == r.first; });
-    if (chosen == table.end())
-        return fail("unsupported type '" + s.type +
-                        "' (choose bool, int8, uint8, int16, uint16, int32, uint32, float32 or float64)",
-                    kUsageError);
 
     s.mask = make_mask(s.options.mask, s.options.size);
     if (s.mask.width > s.input.width || s.mask.height > s.input.height)

@@ -2,6 +2,8 @@
 
 namespace demo {
 
+namespace {
+
 const char *shape_name(MaskShape shape) {
     switch (shape) {
     case MaskShape::square: return "square";
@@ -10,14 +12,7 @@ const char *shape_name(MaskShape shape) {
     }
 }
 
-bool parse_shape(const std::string &name, MaskShape *shape) {
-    for (MaskShape s : {MaskShape::disk, MaskShape::square, MaskShape::line})
-        if (name == shape_name(s)) {
-            *shape = s;
-            return true;
-        }
-    return false;
-}
+}  // namespace
 
 std::string MaskImage::describe() const {
     return std::string(shape_name(shape)) + " " + std::to_string(width) + "x" + std::to_string(height);

@@ -18,9 +18,6 @@ struct MaskImage {
     std::string describe() const;
 };
 
-const char *shape_name(MaskShape shape);
-bool parse_shape(const std::string &name, MaskShape *shape);
-
 // A mask whose longest side is `size` elements: the disk has diameter `size`,
 // the square side `size`, the line is `size` by 1.
 MaskImage make_mask(MaskShape shape, int size);

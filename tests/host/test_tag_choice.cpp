@@ -1,5 +1,6 @@
-// The choice of instruction-set tag from processor features, checked on fed-in
-// feature sets, and the detection checked against the compiler's own test.
+// The tag choice from processor registers: CPUID leaf-1 ECX, leaf-7 EBX and
+// XCR0 decoded into features and the widest tag, on fed-in register values,
+// and the reading of this machine's registers against the compiler's own test.
 #include "support/elements.h"
 
 #include <flatmorph_cpu.h>
@@ -8,80 +9,57 @@
 
 namespace {
 
-using flatmorph::CpuFeatures;
 using flatmorph::Tag;
+
+// Bit positions as the processor manuals give them.
+constexpr uint32_t kFma = 1u << 12, kSse41 = 1u << 19, kOsxsave = 1u << 27, kAvx = 1u << 28;  // leaf 1, ECX
+constexpr uint32_t kBmi1 = 1u << 3, kAvx2 = 1u << 5;                                           // leaf 7, EBX
+constexpr uint64_t kX87State = 1, kSseState = 2, kAvxState = 4, kAvx512State = 0xE0;           // XCR0
+constexpr uint32_t kLeaf1 = kFma | kSse41 | kOsxsave | kAvx, kLeaf7 = kBmi1 | kAvx2;
+constexpr uint64_t kOsState = kX87State | kSseState | kAvxState;
 
 struct Row {
     const char *name;
-    CpuFeatures cpu;
+    flatmorph::CpuidRegisters registers;
     Tag best;
-    const char *missing_for_avx;
     const char *missing_for_avx2;
 };
 
 void PrintTo(const Row &row, std::ostream *os) { *os << row.name; }
 
-CpuFeatures features(bool sse41, bool avx, bool avx2, bool fma, bool bmi1, bool os_avx_state) {
-    CpuFeatures cpu;
-    cpu.sse41 = sse41;
-    cpu.avx = avx;
-    cpu.avx2 = avx2;
-    cpu.fma = fma;
-    cpu.bmi1 = bmi1;
-    cpu.os_avx_state = os_avx_state;
-    return cpu;
-}
-
-//                                  sse41  avx    avx2   fma    bmi1   os
 const Row kRows[] = {
-    {"everything", features(true, true, true, true, true, true), Tag::avx2, "", ""},
-    {"baseline_only", features(false, false, false, false, false, false), Tag::none,
-     "avx sse4.1 os-avx-state", "avx sse4.1 os-avx-state avx2 fma bmi1"},
-    {"os_without_avx_state", features(true, true, true, true, true, false), Tag::none, "os-avx-state",
-     "os-avx-state"},
-    {"avx2_without_fma", features(true, true, true, false, true, true), Tag::avx, "", "fma"},
-    {"avx2_without_bmi1", features(true, true, true, true, false, true), Tag::avx, "", "bmi1"},
-    {"avx_and_sse41", features(true, true, false, false, false, true), Tag::avx, "", "avx2 fma bmi1"},
-    {"avx_and_fma_without_avx2", features(true, true, false, true, true, true), Tag::avx, "", "avx2"},
-    {"avx_without_sse41", features(false, true, true, true, true, true), Tag::none, "sse4.1", "sse4.1"},
-    {"sse41_only", features(true, false, false, false, false, false), Tag::none, "avx os-avx-state",
-     "avx os-avx-state avx2 fma bmi1"},
-    {"avx2_fma_bmi1_without_avx", features(true, false, true, true, true, true), Tag::none, "avx", "avx"},
+    {"everything", {kLeaf1, kLeaf7, kOsState}, Tag::avx2, ""},
+    {"avx512_state_as_well", {kLeaf1, kLeaf7, kOsState | kAvx512State}, Tag::avx2, ""},
+    {"baseline_only", {0, 0, 0}, Tag::none, "avx sse4.1 os-avx-state avx2 fma bmi1"},
+    {"every_other_bit", {~kLeaf1, ~kLeaf7, ~kOsState}, Tag::none, "avx sse4.1 os-avx-state avx2 fma bmi1"},
+    {"os_saves_sse_state_alone", {kLeaf1, kLeaf7, kX87State | kSseState}, Tag::none, "os-avx-state"},
+    {"os_saves_avx_state_without_sse", {kLeaf1, kLeaf7, kX87State | kAvxState}, Tag::none, "os-avx-state"},
+    {"xsave_not_enabled_by_os", {kLeaf1 & ~kOsxsave, kLeaf7, kOsState}, Tag::none, "os-avx-state"},
+    {"without_fma", {kLeaf1 & ~kFma, kLeaf7, kOsState}, Tag::avx, "fma"},
+    {"without_bmi1", {kLeaf1, kAvx2, kOsState}, Tag::avx, "bmi1"},
+    {"without_avx2", {kLeaf1, kBmi1, kOsState}, Tag::avx, "avx2"},
+    {"avx_and_sse41_only", {kSse41 | kOsxsave | kAvx, 0, kOsState}, Tag::avx, "avx2 fma bmi1"},
+    {"without_sse41", {kLeaf1 & ~kSse41, kLeaf7, kOsState}, Tag::none, "sse4.1"},
+    {"without_avx", {kLeaf1 & ~kAvx, kLeaf7, kOsState}, Tag::none, "avx"},
 };
 
 class TagChoice : public testing::TestWithParam<Row> {};
 
-TEST_P(TagChoice, PicksTheWidestTagTheFeaturesAllow) {
-    EXPECT_EQ(flatmorph::best_tag(GetParam().cpu), GetParam().best);
+TEST_P(TagChoice, PicksTheWidestTagAndNamesWhatAvx2Lacks) {
+    const flatmorph::CpuFeatures cpu = flatmorph::decode_cpu_features(GetParam().registers);
+    EXPECT_EQ(flatmorph::best_tag(cpu), GetParam().best);
+    EXPECT_EQ(flatmorph::missing_features(Tag::avx2, cpu), GetParam().missing_for_avx2);
+    EXPECT_EQ(flatmorph::missing_features(Tag::none, cpu), "");
 }
 
-TEST_P(TagChoice, NamesWhatEachTagLacks) {
-    const Row &row = GetParam();
-    EXPECT_EQ(flatmorph::missing_features(Tag::none, row.cpu), "");
-    EXPECT_EQ(flatmorph::missing_features(Tag::avx, row.cpu), row.missing_for_avx);
-    EXPECT_EQ(flatmorph::missing_features(Tag::avx2, row.cpu), row.missing_for_avx2);
-}
-
-INSTANTIATE_TEST_SUITE_P(FeatureSets, TagChoice, testing::ValuesIn(kRows),
+INSTANTIATE_TEST_SUITE_P(Registers, TagChoice, testing::ValuesIn(kRows),
                          [](const testing::TestParamInfo<Row> &info) { return info.param.name; });
 
-TEST(TagNames, RoundTrip) {
-    for (Tag tag : {Tag::none, Tag::avx, Tag::avx2}) {
-        Tag parsed = Tag::none;
-        ASSERT_TRUE(flatmorph::parse_tag(flatmorph::tag_name(tag), &parsed));
-        EXPECT_EQ(parsed, tag);
-    }
-    Tag untouched = Tag::avx;
-    EXPECT_FALSE(flatmorph::parse_tag("avx512", &untouched));
-    EXPECT_FALSE(flatmorph::parse_tag("AVX", &untouched));
-    EXPECT_EQ(untouched, Tag::avx);
-}
-
 // GCC's __builtin_cpu_supports reads the same CPUID bits and XCR0.
-TEST(DetectedFeatures, AgreeWithTheCompilersProcessorTest) {
-    const CpuFeatures cpu = flatmorph::detect_cpu_features();
+TEST(ThisProcessor, AgreesWithTheCompilersProcessorTest) {
     for (Tag tag : {Tag::none, Tag::avx, Tag::avx2})
-        EXPECT_EQ(flatmorph::can_run(tag, cpu), fmtest::cpu_supports(flatmorph::tag_name(tag))) << flatmorph::tag_name(tag);
+        EXPECT_EQ(flatmorph::can_run(tag, flatmorph::this_cpu()), fmtest::cpu_supports(flatmorph::tag_name(tag)))
+            << flatmorph::tag_name(tag);
 }
 
 }  // namespace
