@@ -60,7 +60,8 @@ std::optional<int> parse_options(int argc, char **argv, Options &o) {
                    "all-round masks: rect<N>, disk<N>, line<N>h, line<N>v, N odd")
         ->delimiter(',')
         ->check(by(mask_by_name, "MASK"));
-    app.add_option("--tags", o.tags, "all-round tags, of those this processor runs [the best]")
+    o.tags = {cpu_tags().back()};
+    app.add_option("--tags", o.tags, "all-round tags, of those this processor runs")
         ->delimiter(',')
         ->check(CLI::IsMember(cpu_tags()));
     app.add_option("--threads", o.threads, "all-round thread counts, given alike to both contenders")
@@ -88,7 +89,6 @@ std::optional<int> parse_options(int argc, char **argv, Options &o) {
     brief(o.masks, "--masks", Names{"rect3", "disk7", "line21h"});
     brief(o.budget_s, "--budget", 0.03);
     if (quick) o.large_side = 1024;
-    if (o.tags.empty()) o.tags = {cpu_tags().back()};
 
     const std::vector<std::string> runnable = cpu_tags();  // weakest first
     std::sort(o.tags.begin(), o.tags.end(), [&](const std::string &a, const std::string &b) {
