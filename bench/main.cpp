@@ -2,7 +2,7 @@
 // Exit status: 0 if all outputs agreed, 1 if any differed, 2 on an error.
 #include "options.h"
 #include "our_pipelines.h"
-#include "report.h"
+#include "results.h"
 #include "studies.h"
 
 #include <opencv2/core.hpp>
@@ -13,10 +13,6 @@
 #include <string>
 
 namespace {
-
-bool wanted(const bench::Options &o, const char *study) {
-    return std::find(o.studies.begin(), o.studies.end(), study) != o.studies.end();
-}
 
 // What OpenCV's build information says after "Parallel framework:".
 std::string opencv_parallel_framework() {
@@ -31,29 +27,22 @@ std::string opencv_parallel_framework() {
 
 int main(int argc, char **argv) {
     bench::Options options;
-    try {
-        options = bench::parse_options(argc, argv);
-    } catch (const std::exception &e) {
-        std::fprintf(stderr, "flatmorph_bench: %s\n\n%s", e.what(), bench::usage());
-        return 2;
-    }
-    if (options.help) {
-        std::fputs(bench::usage(), stdout);
-        return 0;
-    }
+    if (const std::optional<int> status = bench::parse_options(argc, argv, options)) return *status == 0 ? 0 : 2;
 
     std::string tags;
     for (const std::string &tag : bench::cpu_tags()) tags += " " + tag;
     std::printf("flatmorph_bench: this processor runs tags%s; OpenCV %s, parallel framework %s\n", tags.c_str(),
                 CV_VERSION, opencv_parallel_framework().c_str());
-
+    auto wanted = [&](const char *study) {
+        return std::find(options.studies.begin(), options.studies.end(), study) != options.studies.end();
+    };
     try {
-        bench::Report report(options.csv_path);
-        if (wanted(options, "cases")) bench::run_cases(options, report);
-        if (wanted(options, "growth")) bench::run_growth(options, report);
-        if (wanted(options, "small")) bench::run_small(options, report);
-        if (report.disagreements() > 0) {
-            std::printf("\n%d measurements skipped: our output differed from OpenCV's\n", report.disagreements());
+        bench::Results results(options.csv_path);
+        if (wanted("allround")) bench::run_allround(options, results);
+        if (wanted("acceptance")) bench::run_acceptance(options, results);
+        if (wanted("growth")) bench::run_growth(options, results);
+        if (results.disagreements() > 0) {
+            std::printf("\n%d measurements skipped: our output differed from OpenCV's\n", results.disagreements());
             return 1;
         }
     } catch (const std::exception &e) {

@@ -2,8 +2,10 @@
 
 #include "compare.h"
 #include "element_types.h"
+#include "filters.h"
 #include "masks.h"
-#include "operation.h"
+#include "opencv_baseline.h"
+#include "our_pipelines.h"
 #include "timing.h"
 
 #include <opencv2/core.hpp>
@@ -37,55 +39,78 @@ cv::Mat random_image(const ElemType &type, int side) {
     return image;
 }
 
-// The read+write memory floor: the best copy of the image into another
-// buffer, rows shared among the threads as our filters share them.
-double copy_floor_ms(const cv::Mat &image, const TimingPolicy &policy) {
-    cv::Mat copy(image.size(), image.type());
-    const size_t row_bytes = image.cols * image.elemSize();
-    auto copy_rows = [&] {
-        tbb::parallel_for(tbb::blocked_range<int>(0, image.rows), [&](const tbb::blocked_range<int> &rows) {
-            for (int y = rows.begin(); y < rows.end(); y++) std::memcpy(copy.ptr(y), image.ptr(y), row_bytes);
-        });
-    };
-    return measure(copy_rows, policy).best_ms;
-}
-
-// One image under one thread count: what its rows share.
-struct Setup {
+// One image under one thread count: what the cases on it share.
+struct Bench {
     const char *study;
     const ElemType &type;
     const cv::Mat &image;
     int threads;
     TimingPolicy policy;
-    double floor_ms;
+    double floor_ms = NAN;  // the read+write memory floor, see copy_floor_ms
+
+    Bench(const char *study, const ElemType &type, const cv::Mat &image, int threads, double budget_s);
 };
 
-// Times OpenCV's form of `op` once and ours for each tag. Our time is
-// reported only if the output of our last timed call equals OpenCV's at least
-// a mask size away from the border; nearer the border the two may treat the
-// outside differently, and the row counts the samples where they do.
-void compare_operation(const Setup &s, const Operation &op, const Mask &mask, const std::vector<std::string> &tags,
-                       Report &report) {
-    cv::Mat expected(s.image.size(), s.image.type()), got(s.image.size(), s.image.type());
-    const Timing theirs = measure(opencv_call(op, s.image, mask, expected), s.policy);
+// The best copy of the image into another buffer, rows shared among the
+// threads as our filters share them: what any filter that reads and writes
+// the image once must pay.
+double copy_floor_ms(const cv::Mat &image, const TimingPolicy &policy) {
+    cv::Mat copy(image.size(), image.type());
+    const size_t row_bytes = image.cols * image.elemSize();
+    const Call copy_rows = [&] {
+        tbb::parallel_for(tbb::blocked_range<int>(0, image.rows), [&](const tbb::blocked_range<int> &rows) {
+            for (int y = rows.begin(); y < rows.end(); y++) std::memcpy(copy.ptr(y), image.ptr(y), row_bytes);
+        });
+    };
+    return measure_side_by_side({copy_rows}, policy).front().best_ms;
+}
 
-    for (const std::string &tag : tags) {
-        Row row{s.study, op.name, s.type.name, mask.name, tag, s.image.cols, mask.active(), s.threads};
-        row.opencv_ms = theirs.median_ms;
-        row.opencv_samples = theirs.samples;
-        row.floor_ms = s.floor_ms;
+Bench::Bench(const char *study, const ElemType &type, const cv::Mat &image, int threads, double budget_s)
+    : study(study), type(type), image(image), threads(threads) {
+    policy.budget_s = budget_s;
+    floor_ms = copy_floor_ms(image, policy);
+}
+
+// Checks our variant of each tag against OpenCV, then times OpenCV and the
+// variants that passed side by side. A variant passes if its output equals
+// OpenCV's at least a mask size away from the border; nearer the border the
+// two may treat the outside differently, and the row counts the samples
+// where they do.
+void compare(const Bench &b, const FilterInfo &filter, const Mask &mask, const std::vector<std::string> &tags,
+             Results &results) {
+    cv::Mat expected(b.image.size(), b.image.type());
+    run_opencv(filter, b.image, mask, expected);
+    std::vector<Call> calls = {[&] { run_opencv(filter, b.image, mask, expected); }};
+    std::vector<Row> rows;
+    std::vector<size_t> timed;  // the rows whose variant is timed, in the order of calls[1...]
+    std::vector<cv::Mat> outputs(tags.size());
+    for (size_t i = 0; i < tags.size(); i++) {
+        Row row{b.study, filter.name, b.type.name, mask.name, tags[i], b.image.cols, mask.active(), b.threads};
+        row.floor_ms = b.floor_ms;
+        const Pipeline pipeline = find_pipeline(filter, b.type, tags[i]);
+        cv::Mat &got = outputs[i];
         cv::bitwise_not(expected, got);  // so that a sample left unwritten cannot pass
-        const Timing ours = measure(our_call(op, s.type, tag, s.image, mask, got), s.policy);
+        run_pipeline(pipeline, b.type, b.image, mask, got);
         const Difference interior = differing_samples(got, expected, mask.bytes.cols, mask.bytes.rows);
         row.rim_differences = differing_samples(got, expected, 0, 0).samples - interior.samples;
         row.check = interior.samples == 0 ? "ok"
                                           : "DIFFERS: " + std::to_string(interior.samples) + " samples; first at " +
                                                 interior.first;
         if (row.check == "ok") {
-            row.ours_ms = ours.median_ms;
-            row.ours_samples = ours.samples;
+            calls.push_back([&b, &mask, &got, pipeline] { run_pipeline(pipeline, b.type, b.image, mask, got); });
+            timed.push_back(i);
         }
-        report.add(row);
+        rows.push_back(row);
+    }
+    const std::vector<Timing> timings = measure_side_by_side(calls, b.policy);
+    for (size_t k = 0; k < timed.size(); k++) {
+        rows[timed[k]].ours_ms = timings[k + 1].median_ms;
+        rows[timed[k]].ours_samples = timings[k + 1].samples;
+    }
+    for (Row &row : rows) {
+        row.opencv_ms = timings.front().median_ms;
+        row.opencv_samples = timings.front().samples;
+        results.add(row);
     }
 }
 
@@ -100,69 +125,43 @@ void require_interior(int side, const std::vector<std::string> &masks) {
     }
 }
 
-TimingPolicy policy_of(const Options &o) {
-    TimingPolicy policy;
-    policy.budget_s = o.budget_s;
-    return policy;
-}
-
-}  // namespace
-
-void run_cases(const Options &o, Report &report) {
-    for (int side : o.sizes) require_interior(side, o.masks);
-    report.begin_study("cases: ours against OpenCV, every filter, type, size, mask, tag and thread count");
-    for (const std::string &type_name : o.types) {
+// Every filter x type x size x mask x threads of one study, on the given tags.
+void run_set(const char *study, const Options &o, const std::vector<std::string> &filters,
+             const std::vector<std::string> &types, const std::vector<int> &sizes,
+             const std::vector<std::string> &masks, const std::vector<std::string> &tags,
+             const std::vector<int> &threads, Results &results) {
+    for (int side : sizes) require_interior(side, masks);
+    for (const std::string &type_name : types) {
         const ElemType &type = elem_type(type_name);
-        for (int side : o.sizes) {
+        for (int side : sizes) {
             const cv::Mat image = random_image(type, side);
-            for (int threads : o.threads) {
-                ThreadCount limit(threads);
-                const Setup setup{"cases", type, image, threads, policy_of(o), copy_floor_ms(image, policy_of(o))};
-                for (const std::string &mask_name : o.masks)
-                    for (const std::string &filter : o.filters)
-                        compare_operation(setup, Operation::of(filter_by_name(filter)), mask_by_name(mask_name),
-                                          o.tags, report);
+            for (int n : threads) {
+                ThreadCount limit(n);
+                const Bench bench(study, type, image, n, o.budget_s);
+                for (const std::string &mask : masks)
+                    for (const std::string &filter : filters)
+                        compare(bench, filter_by_name(filter), mask_by_name(mask), tags, results);
             }
         }
     }
 }
 
-void run_growth(const Options &o, Report &report) {
-    const int side = o.quick ? 1024 : 2048;
-    std::vector<int> mask_sides;  // odd sides 3 to 31; a quick run takes four of them
-    for (int n = 3; n <= 31; n += 2)
-        if (!o.quick || n == 3 || n == 7 || n == 15 || n == 31) mask_sides.push_back(n);
-    report.begin_study("growth: imdilate uint8 against active mask elements");
-    const ElemType &type = elem_type("uint8");
-    const cv::Mat image = random_image(type, side);
-    ThreadCount limit(o.most_threads());
-    const Setup setup{"growth", type, image, o.most_threads(), policy_of(o), copy_floor_ms(image, policy_of(o))};
-    for (const std::string shape : {"rect", "disk", "line"})
-        for (int n : mask_sides) {
-            const std::string name = shape + std::to_string(n) + (shape == "line" ? "h" : "");
-            compare_operation(setup, Operation::of(filter_by_name("imdilate")), mask_by_name(name), {o.best_tag()},
-                              report);
-        }
+}  // namespace
+
+void run_allround(const Options &o, Results &results) {
+    run_set("allround", o, o.filters, o.types, o.sizes, o.masks, o.tags, o.threads, results);
 }
 
-void run_small(const Options &o, Report &report) {
-    constexpr int side = 64;
-    require_interior(side, o.masks);
-    report.begin_study("small: 64 x 64 images, the two-stage imopen against imerode then imdilate");
-    const std::vector<Operation> operations = {
-        Operation::of(filter_by_name("imopen")), Operation::of(filter_by_name("imerode")),
-        Operation::of(filter_by_name("imdilate")), Operation::erode_then_dilate()};
-    for (const std::string &type_name : o.types) {
-        const ElemType &type = elem_type(type_name);
-        const cv::Mat image = random_image(type, side);
-        for (int threads : o.threads) {
-            ThreadCount limit(threads);
-            const Setup setup{"small", type, image, threads, policy_of(o), copy_floor_ms(image, policy_of(o))};
-            for (const std::string &mask_name : o.masks)
-                for (const Operation &op : operations)
-                    compare_operation(setup, op, mask_by_name(mask_name), {o.best_tag()}, report);
-        }
-    }
+void run_acceptance(const Options &o, Results &results) {
+    run_set("acceptance", o, {"imdilate", "imopen", "imtophat"}, {"uint8", "float32"}, {o.large_side},
+            {"rect3", "rect5", "disk7", "line21h"}, cpu_tags(), {2}, results);
+}
+
+void run_growth(const Options &o, Results &results) {
+    std::vector<std::string> masks;
+    for (const char *shape : {"rect%d", "disk%d", "line%dh", "line%dv"})
+        for (int n = 3; n <= 63; n += 4) masks.push_back(cv::format(shape, n));
+    run_set("growth", o, {"imdilate"}, {"uint8"}, {o.large_side}, masks, {o.tags.back()}, {1}, results);
 }
 
 }  // namespace bench

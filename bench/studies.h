@@ -1,18 +1,19 @@
-// The three studies of a run; each adds its rows to the report.
-//   cases:  every selected filter, type, size, mask, tag and thread count;
-//   growth: imdilate uint8 against the number of active mask elements, for
-//           squares, disks and horizontal lines of odd sides 3 to 31;
-//   small:  64 x 64 images, imopen against imerode then imdilate (the cost of
-//           the two-stage filter's intermediate allocation).
+// The studies of a run; each adds its rows to the results.
+//   allround:   every selected filter, type, size, mask, tag and thread count;
+//   acceptance: the acceptance set (4096 x 4096, uint8 and float32, rect3,
+//               rect5, disk7 and line21h, imdilate, imopen and imtophat,
+//               2 threads) on every tag this processor runs;
+//   growth:     imdilate uint8 at 4096 x 4096 and 1 thread against the mask
+//               side, squares, disks and both lines, 3 to 63.
 #pragma once
 
 #include "options.h"
-#include "report.h"
+#include "results.h"
 
 namespace bench {
 
-void run_cases(const Options &options, Report &report);
-void run_growth(const Options &options, Report &report);
-void run_small(const Options &options, Report &report);
+void run_allround(const Options &options, Results &results);
+void run_acceptance(const Options &options, Results &results);
+void run_growth(const Options &options, Results &results);
 
 }  // namespace bench
