@@ -1,6 +1,6 @@
-// The library as a loadable object: what its dynamic symbol table exports,
-// what it keeps local, how memcpy is bound, and the three exports of every
-// variant (entry, argument-array entry, metadata record).
+// Promise: surface. The library as a loadable object: what its dynamic
+// symbol table exports, what it keeps local, how memcpy is bound, and the
+// three exports of every variant (entry, argument-array entry, metadata).
 #include "support/harness.h"
 
 #include <gtest/gtest.h>
