@@ -131,10 +131,4 @@ TEST(ReferenceModel, ResidualSaturates) {
         EXPECT_TRUE(same(saturating_difference(element(r.type), r.a, r.b), r.expected)) << r.type << " " << r.a;
 }
 
-TEST(ReferenceModel, OriginFollowsFloat32Steps) {
-    const std::pair<int, int> rows[] = {{0, -1},         {1, 0},         {2, 0},         {4, 1},
-                                        {101, 50},       {33554433, 16777215}, {33554435, 16777216}};
-    for (const auto &[extent, origin] : rows) EXPECT_EQ(se_origin(extent), origin) << extent;
-}
-
 }  // namespace
