@@ -44,14 +44,18 @@ INSTANTIATE_TEST_SUITE_P(AllVariants, Sweep, testing::ValuesIn(all_variants()),
 // or two special samples; as the output runs over and past the image, every
 // special meets every active element of the mask (first, middle, last, at
 // either end of a run or alone), and the pad, itself special, meets them too.
+// Whole masks are there for any path that folds them another way.
 TEST(FloatFoldOrder, MultiRowMasksMatchReferenceModel) {
-    const std::vector<std::vector<uint8_t>> masks = {
-        {1, 1, 1, 1, 1, 1, 1, 1, 1},               // 3 x 3, one run per row
-        {1, 0, 1, 2, 1, 1, 1, 1, 0},               // 3 x 3, runs broken by 0 and 2
-        {0, 1, 1, 0, 1, 1, 1, 1, 1, 0, 0, 1, 1, 0, 1},  // 5 x 3
-        {1, 1, 0, 0, 1, 1, 1, 1},                  // 4 x 2
+    const std::vector<std::pair<int, std::vector<uint8_t>>> masks = {
+        {3, {1, 1, 1, 1, 1, 1, 1, 1, 1}},                    // 3 x 3, whole
+        {3, {1, 0, 1, 2, 1, 1, 1, 1, 0}},                    // 3 x 3, runs broken by 0 and 2
+        {5, {0, 1, 1, 0, 1, 1, 1, 1, 1, 0, 0, 1, 1, 0, 1}},  // 5 x 3
+        {4, {1, 1, 0, 0, 1, 1, 1, 1}},                       // 4 x 2
+        {4, std::vector<uint8_t>(16, 1)},                    // 4 x 4, whole
+        {5, std::vector<uint8_t>(15, 1)},                    // 5 x 3, whole
+        {5, {1, 1, 1, 1, 1}},                                // one whole row
+        {1, {1, 1, 1}},                                      // one whole column
     };
-    const int mask_widths[] = {3, 3, 5, 4};
     const double specials[] = {kNaN, -0.0, 0.0};
     int calls = 0;
     for (const std::string &tag : all_tags()) {
@@ -76,8 +80,8 @@ TEST(FloatFoldOrder, MultiRowMasksMatchReferenceModel) {
                                     p.pixels[2 * p.image.w + 2] = first;   // middle row
                                     p.pixels[2 * p.image.w + 3] = second;  // its right neighbour
                                     p.pixels[3 * p.image.w + 2] = second;  // and the one below
-                                    p.mask = {mask_widths[m], static_cast<int>(masks[m].size()) / mask_widths[m],
-                                              masks[m]};
+                                    const auto &[sx, bytes] = masks[m];
+                                    p.mask = {sx, static_cast<int>(bytes.size()) / sx, bytes};
                                     p.low_pad = p.high_pad = second;
                                     p.output = p.image;
                                     if (!f.residual()) {  // also past the image, where the pad is read
