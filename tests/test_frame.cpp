@@ -68,6 +68,11 @@ const BadCall kBadCalls[] = {
      [](const FilterInfo &f) { return f.residual() ? "halide_error_access_out_of_bounds(Input buffer keyimForType, 1, 0, 5, 0, -4)" : "halide_error_access_out_of_bounds(Input buffer keyimForType, 1, 0, 0, 0, -4)"; }},
     {"output beyond the image: only the residual filters refuse it", [](FrameCall &c) { c.output.dim(0).min = 1; }, -4,
      [](const FilterInfo &f) { return f.residual() ? "halide_error_access_out_of_bounds(Input buffer keyimForType, 0, 0, 8, 0, 7)" : ""; }},
+    // A wide image (more columns than a uint8 vector of 16) needs a whole tile of output.
+    {"a wide image and a narrower output", [](FrameCall &c) { c.image.dim(0).extent = 17; }, -4, [](const FilterInfo &f) {
+         return f.filter == Filter::TopHat ? "halide_error_access_out_of_bounds(Input buffer keyimForType, 0, -8, 9, 0, 16)"
+                                           : "halide_error_access_out_of_bounds({OUT}, 0, -8, 7, 0, 7)";
+     }},
     {"minmax holds column 0 only", [](FrameCall &c) { c.minmax.dim(0).extent = 1; }, -4, [](const FilterInfo &f) {
          return f.filter == Filter::Erode ? "halide_error_access_out_of_bounds(Input buffer minmax, 0, 1, 1, 0, 0)"
                 : f.erosion_first()       ? "halide_error_access_out_of_bounds(Input buffer minmax, 0, 0, 1, 0, 0)" : "";
