@@ -5,8 +5,6 @@
 
 namespace fmfuzz {
 
-using fmrel::GuardedBlock;
-
 namespace {
 constexpr uint8_t kFill = 0xA5;
 }

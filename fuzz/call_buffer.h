@@ -5,7 +5,7 @@
 // what it held before the call, so that a test can see every change.
 #pragma once
 
-#include "reliability/guarded_memory.h"
+#include "guarded_memory.h"
 #include "support/regions.h"
 
 #include <HalideRuntime.h>
@@ -25,7 +25,7 @@ public:
     // Sets the host to fresh memory for the region the descriptor now
     // describes, of elements of at least `element_bytes` (more if its type
     // says so), filled with a pattern.
-    void lay_out(int element_bytes, fmrel::GuardedBlock::Flush flush, int guard_bytes);
+    void lay_out(int element_bytes, GuardedBlock::Flush flush, int guard_bytes);
     bool has_memory() const { return memory_ != nullptr; }
     // Where the element i columns and j rows from the region's first lies,
     // and (x, y) in the buffer's own coordinates, as laid out.
@@ -46,8 +46,8 @@ public:
 
 private:
     std::unique_ptr<halide_buffer_t> raw_;
-    fmrel::GuardedBlock dims_;
-    std::unique_ptr<fmrel::GuardedBlock> memory_;
+    GuardedBlock dims_;
+    std::unique_ptr<GuardedBlock> memory_;
     int element_bytes_ = 1;
     halide_dimension_t layout_[2];  // the region the memory holds
     uint8_t *host_ = nullptr;

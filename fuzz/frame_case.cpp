@@ -12,7 +12,6 @@
 namespace fmfuzz {
 
 using namespace fmtest;
-using fmrel::GuardedBlock;
 
 namespace {
 
@@ -166,7 +165,7 @@ std::string run_frame_case(const uint8_t *data, size_t size) {
     for (int i = 0; i < 4; i++) {
         CallBuffer &b = c.buffers[i];
         std::memcpy(b.dim(), valid[i], sizeof valid[i]);
-        b.raw()->type = fmrel::wanted_type(c.v, i);
+        b.raw()->type = wanted_type(c.v, i);
         b.raw()->dimensions = 2;
         c.args[i] = b.raw();
         if (!spoil(in, c, i)) continue;  // a null host: the descriptor may say anything
@@ -178,7 +177,7 @@ std::string run_frame_case(const uint8_t *data, size_t size) {
     fill(c, contents, low_pad, high_pad);
 
     for (CallBuffer &b : c.buffers) b.remember();
-    const fmrel::Prediction want = fmrel::predict_call(c.v, c.args, kAllocationLimit);
+    const Prediction want = predict_call(c.v, c.args, kAllocationLimit);
     Allocations alloc;
     int status;
     {

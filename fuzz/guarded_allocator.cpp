@@ -2,8 +2,6 @@
 
 namespace fmfuzz {
 
-using fmrel::GuardedBlock;
-
 namespace {
 
 Allocations *record = nullptr;

@@ -3,7 +3,7 @@
 // it faults), anything above a limit refused, every call counted.
 #pragma once
 
-#include "reliability/guarded_memory.h"
+#include "guarded_memory.h"
 
 #include <HalideRuntime.h>
 
@@ -17,7 +17,7 @@ struct Allocations {
     int mallocs = 0, frees = 0;
     uint64_t requested = 0;     // the size of the last request
     bool foreign_free = false;  // a free of a block not allocated here, or freed twice
-    std::map<void *, std::unique_ptr<fmrel::GuardedBlock>> live;
+    std::map<void *, std::unique_ptr<GuardedBlock>> live;
 };
 
 class GuardedAllocator {

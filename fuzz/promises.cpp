@@ -8,8 +8,6 @@
 namespace fmfuzz {
 
 using namespace fmtest;
-using fmrel::Outcome;
-using fmrel::Prediction;
 
 namespace {
 
@@ -125,7 +123,7 @@ std::string wrong_answer(const char *name, const halide_dimension_t *got, const 
     return out.str();
 }
 
-const Interval (&required_of(const fmrel::Prediction &want, int argument))[2] {
+const Interval (&required_of(const Prediction &want, int argument))[2] {
     switch (argument) {
     case Image: return want.required.image;
     case Minmax: return want.required.minmax;
@@ -154,7 +152,7 @@ std::string broken_promise(const FuzzedCall &c, const Prediction &want, int stat
         const CallBuffer &b = c.buffers[i];
         if (i != Output && !b.memory_unchanged()) return std::string("input ") + kArgumentNames[i] + " written";
         if (want.outcome == Outcome::Query && b.asked()) {
-            if (!b.answers(required_of(want, i), fmrel::wanted_type(c.v, i)))
+            if (!b.answers(required_of(want, i), wanted_type(c.v, i)))
                 return wrong_answer(kArgumentNames[i], c.args[i]->dim, required_of(want, i));
         } else if (!b.descriptor_unchanged()) {
             return std::string("descriptor of ") + kArgumentNames[i] + " changed";

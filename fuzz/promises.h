@@ -3,7 +3,7 @@
 
 #include "call_buffer.h"
 #include "guarded_allocator.h"
-#include "reliability/frame_model.h"
+#include "frame_model.h"
 
 #include <string>
 
@@ -20,7 +20,7 @@ struct FuzzedCall {
 };
 
 // The first promise the call broke, or "".
-std::string broken_promise(const FuzzedCall &c, const fmrel::Prediction &want, int status, const Allocations &alloc);
+std::string broken_promise(const FuzzedCall &c, const Prediction &want, int status, const Allocations &alloc);
 
 // The variant and the four descriptors as the call received them.
 std::string describe(const FuzzedCall &c);

@@ -1,6 +1,6 @@
-// The library as a loadable object: what its dynamic symbol table exports,
-// what it keeps local, how memcpy is bound, and the three exports of every
-// variant (entry, argument-array entry, metadata record).
+// Promise: surface. The library as a loadable object: what its dynamic
+// symbol table exports, what it keeps local, how memcpy is bound, and the
+// three exports of every variant (entry, argument-array entry, metadata).
 #include "support/harness.h"
 
 #include <gtest/gtest.h>
@@ -17,32 +17,19 @@ using namespace fmtest;
 
 namespace {
 
-// Lines of `nm <flags> <library>`.
-std::vector<std::string> nm(const std::string &flags) {
-    const std::string command = std::string(FLATMORPH_NM) + " " + flags + " " + FLATMORPH_LIBRARY;
-    std::vector<std::string> lines;
-    FILE *pipe = popen(command.c_str(), "r");
-    if (!pipe) return lines;
-    std::array<char, 4096> line;
-    while (fgets(line.data(), line.size(), pipe)) {
-        std::string s(line.data());
-        if (!s.empty() && s.back() == '\n') s.pop_back();
-        lines.push_back(s);
-    }
-    pclose(pipe);
-    return lines;
-}
-
-// (type letter, name) of each symbol line "address type name".
+// (type letter, name) of each symbol `nm <flags>` lists for the library: its
+// lines read "address type name", or "type name" when undefined.
 std::vector<std::pair<char, std::string>> symbols(const std::string &flags) {
     std::vector<std::pair<char, std::string>> out;
-    for (const std::string &line : nm(flags)) {
-        std::istringstream in(line);
+    FILE *pipe = popen((std::string(FLATMORPH_NM) + " " + flags + " " + FLATMORPH_LIBRARY).c_str(), "r");
+    std::array<char, 4096> line;
+    while (pipe && fgets(line.data(), line.size(), pipe)) {
+        std::istringstream in(line.data());
         std::string a, b, c;
         in >> a >> b >> c;
-        if (c.empty()) out.push_back({a[0], b});  // undefined: "U name"
-        else out.push_back({b[0], c});
+        out.push_back(c.empty() ? std::make_pair(a[0], b) : std::make_pair(b[0], c));
     }
+    if (pipe) pclose(pipe);
     return out;
 }
 

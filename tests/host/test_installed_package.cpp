@@ -1,7 +1,7 @@
-// The installed package: `cmake --install` into a fresh prefix gives the
-// library, its headers and the package files, and a project outside this
-// build compiles, links and runs against it through find_package and through
-// pkg-config.
+// Promise: hosts. The installed package: `cmake --install` into a fresh
+// prefix gives the library, its headers and the package files, and a project
+// outside this build compiles, links and runs against it through
+// find_package and through pkg-config.
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>

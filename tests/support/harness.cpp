@@ -22,8 +22,12 @@ Call::Call(const Problem &p) {
     const ElemInfo &e = *p.elem;
     image = std::make_unique<TestBuffer>(e, p.image.x0, p.image.w, p.image.y0, p.image.h);
     for (int y = 0; y < p.image.h; y++)
-        for (int x = 0; x < p.image.w; x++)
-            image->set(p.image.x0 + x, p.image.y0 + y, p.pixels[static_cast<size_t>(y) * p.image.w + x]);
+        for (int x = 0; x < p.image.w; x++) {
+            const double v = p.pixels[static_cast<size_t>(y) * p.image.w + x];
+            image->set(p.image.x0 + x, p.image.y0 + y, v);
+            // A bool is bit 0 of its byte: half of them carry other bits too.
+            if (e.elem == Elem::Bool && (x + y) % 2) image->set_bits(p.image.x0 + x, p.image.y0 + y, v ? 0xFF : 0x02);
+        }
     minmax = std::make_unique<TestBuffer>(element("float64"), 0, 2, 0, 1);
     minmax->set(0, 0, p.low_pad);
     minmax->set(1, 0, p.high_pad);

@@ -31,7 +31,8 @@ void *exported(const std::string &name);
 Entry entry(const Variant &v);
 
 // The four buffers of a call built from a problem: the image filled with its
-// samples, minmax holding the two pads, the mask, and an output with a row gap.
+// samples (half of a bool image's bytes with bits besides bit 0), minmax
+// holding the two pads, the mask, and an output with a row gap.
 struct Call {
     std::unique_ptr<TestBuffer> image, minmax, strel, output;
     explicit Call(const Problem &p);

@@ -2,14 +2,14 @@
 # replay of its corpus (test_frame_corpus): the frame model, guarded memory,
 # the fuzzed-call harness and the test support beneath them. Both builds
 # compile their own copies with -fwrapv, since the model wraps at 32 bits.
-set(_root ${CMAKE_CURRENT_LIST_DIR}/../..)
+set(_root ${CMAKE_CURRENT_LIST_DIR}/..)
 set(FLATMORPH_FRAME_CHECK_SOURCES
   ${_root}/fuzz/frame_case.cpp
   ${_root}/fuzz/call_buffer.cpp
   ${_root}/fuzz/guarded_allocator.cpp
   ${_root}/fuzz/promises.cpp
-  ${_root}/tests/reliability/frame_model.cpp
-  ${_root}/tests/reliability/guarded_memory.cpp
+  ${_root}/fuzz/frame_model.cpp
+  ${_root}/fuzz/guarded_memory.cpp
   ${_root}/tests/support/buffers.cpp
   ${_root}/tests/support/elements.cpp
   ${_root}/tests/support/harness.cpp

@@ -5,7 +5,7 @@
 
 #include <new>
 
-namespace fmrel {
+namespace fmfuzz {
 
 GuardedBlock::GuardedBlock(size_t bytes, Flush flush, size_t alignment) : bytes_(bytes) {
     const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
@@ -23,4 +23,4 @@ GuardedBlock::GuardedBlock(size_t bytes, Flush flush, size_t alignment) : bytes_
 
 GuardedBlock::~GuardedBlock() { munmap(mapping_, mapping_bytes_); }
 
-}  // namespace fmrel
+}  // namespace fmfuzz

@@ -5,7 +5,7 @@
 #include <sstream>
 #include <vector>
 
-namespace fmrel {
+namespace fmfuzz {
 
 using namespace fmtest;
 
@@ -186,4 +186,4 @@ Prediction predict_call(const Variant &v, halide_buffer_t *const args[4], uint64
     return p;
 }
 
-}  // namespace fmrel
+}  // namespace fmfuzz

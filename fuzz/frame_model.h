@@ -14,7 +14,7 @@
 #include <cstdint>
 #include <string>
 
-namespace fmrel {
+namespace fmfuzz {
 
 enum class Outcome { Refused, Query, Runs };
 
@@ -35,4 +35,4 @@ Prediction predict_call(const fmtest::Variant &v, halide_buffer_t *const args[4]
 // The type a variant demands of argument `index`.
 halide_type_t wanted_type(const fmtest::Variant &v, int index);
 
-}  // namespace fmrel
+}  // namespace fmfuzz

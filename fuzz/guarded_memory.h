@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace fmrel {
+namespace fmfuzz {
 
 class GuardedBlock {
 public:
@@ -29,4 +29,4 @@ private:
     uint8_t *data_ = nullptr;
 };
 
-}  // namespace fmrel
+}  // namespace fmfuzz
