@@ -32,9 +32,9 @@ fm::Filter parse_filter(const std::string &name) {
 }
 
 fm::Tag parse_tag(const std::string &name) {
-    fm::Tag tag;
-    if (!fm::parse_tag(name, &tag)) throw py::value_error("unknown tag " + name + " (none, avx, avx2)");
-    return tag;
+    for (fm::Tag tag : {fm::Tag::none, fm::Tag::avx, fm::Tag::avx2})
+        if (name == fm::tag_name(tag)) return tag;
+    throw py::value_error("unknown tag " + name + " (none, avx, avx2)");
 }
 
 template <typename T>
