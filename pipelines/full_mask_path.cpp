@@ -168,14 +168,15 @@ private:
     // the path to pay, and all its bytes 1. (Counted in instructions, a 1024 x
     // 1024 uint8 dilation costs about one per mask element and sample on the
     // element-wise path and 8 + 1.6 per mask row or column on this one: so
-    // 5 x 5 breaks even, 7 x 7 gains 1.5x, 31 x 31 9x, and lines never gain.)
+    // 5 x 5 breaks even, and on images beyond the caches it lost, 7 x 7 gains
+    // 1.5x, 31 x 31 9x, and lines never gain.)
     Stmt decide(const std::string &taken, Stmt loop) const {
         const std::string flag = std::string(path_name) + ".all_active";
         const std::string k = std::string(path_name) + ".k", j = std::string(path_name) + ".j";
         Expr sx = strel_variable("extent.0"), sy = strel_variable("extent.1");
         Expr width = Variable::make(Int(32), output_ + ".extent.0");
         Expr sx64 = cast<int64_t>(sx), sy64 = cast<int64_t>(sy);
-        Expr pays = 5 * sx64 * sy64 > 40 + 8 * (sx64 + sy64);
+        Expr pays = 5 * sx64 * sy64 > 48 + 8 * (sx64 + sy64);
         Expr eligible = sx >= 1 && sy >= 1 && sx <= full_mask_max_columns && width >= full_mask_chunk && pays;
 
         auto flag_value = [&] { return Load::make(UInt(8), flag, 0, Buffer<>(), Parameter(), const_true(), {}); };
