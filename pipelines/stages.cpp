@@ -30,17 +30,14 @@ Expr se_origin(Expr extent) {
 
 // The image sample at (a, b), or `pad` outside the image's own rectangle. The
 // clamped load never leaves the image; its value is discarded outside.
-// `columns_inside` marks the column test as the likely case, by default for
-// the loop Halide partitions first; a stage whose outer loops should stay
-// whole passes likely_if_innermost, so that only its vector loop is split.
-Sampler padded_image(const Inputs &in, Expr pad, Expr (*columns_inside)(Expr) = likely) {
-    return [&in, pad, columns_inside](Expr a, Expr b) {
+Sampler padded_image(const Inputs &in, Expr pad) {
+    return [&in, pad](Expr a, Expr b) {
         Expr ix0 = in.image.dim(0).min(), ix1 = ix0 + in.image.dim(0).extent();
         Expr iy0 = in.image.dim(1).min(), iy1 = iy0 + in.image.dim(1).extent();
         // Row and column tests are separate so that the mask loops can be
         // partitioned on each: the middle rows and interior columns test nothing.
         Expr load = in.image(clamp(a, ix0, ix1 - 1), clamp(b, iy0, iy1 - 1));
-        return select(likely(b >= iy0 && b < iy1), select(columns_inside(a >= ix0 && a < ix1), load, pad), pad);
+        return select(likely(b >= iy0 && b < iy1), select(likely(a >= ix0 && a < ix1), load, pad), pad);
     };
 }
 
@@ -99,8 +96,7 @@ Stage fold_stage(const std::string &name, Fold fold, const Inputs &in, const Mas
 FullMaskStage define_full_mask_filter(const std::string &filter, const Inputs &in, const std::string &name) {
     const Fold fold = filter == "imdilate" ? Fold::Max : Fold::Min;
     const MaskGeometry m(in);
-    const Sampler sample = padded_image(in, convert_pad(in.minmax(fold == Fold::Max ? 0 : 1, 0), in.image.type()),
-                                        likely_if_innermost);
+    const Sampler sample = padded_image(in, convert_pad(in.minmax(fold == Fold::Max ? 0 : 1, 0), in.image.type()));
     // Each fold starts from its first sample rather than the identity, which
     // is the same for these folds (the path needs a mask of one element at least).
     FullMaskStage s{Func(name + "_columns"), Func(name + "_fold"), Func(name), RDom(1, m.sy - 1, name + "_rows"),
