@@ -3,6 +3,7 @@
 #include "border_loads.h"
 #include "schedule.h"
 
+#include <map>
 #include <set>
 #include <stdexcept>
 #include <utility>
@@ -14,8 +15,6 @@ using namespace Halide::Internal;
 namespace flatmorph {
 
 namespace {
-
-const char *const path_name = "full_mask";
 
 // Keeps the statement a pipeline is lowered to, just before its closures are made.
 class Capture : public IRMutator {
@@ -49,45 +48,76 @@ private:
     }
 };
 
+// Drops a statement's checks: the test made before the row loop keeps the
+// path's own from failing.
+class WithoutChecks : public IRMutator {
+    using IRMutator::visit;
+    Stmt visit(const AssertStmt *) override { return Evaluate::make(0); }
+};
+
 // Moves the path's row body into the variant: its output's names become the
-// variant's output's, the outer lets it keeps get names of their own, and its
-// bound checks go (the test before the loop keeps them from failing).
+// stage's, the outer lets it keeps get names of their own, and the buffer
+// the second stage reads the first stage's samples from becomes the
+// variant's intermediate (an allocation of the variant, not an argument).
 class AdoptRowBody : public IRMutator {
 public:
-    AdoptRowBody(std::string output, Parameter output_buffer, std::set<std::string> outer_lets)
-        : output_(std::move(output)), output_buffer_(std::move(output_buffer)), outer_lets_(std::move(outer_lets)) {}
+    AdoptRowBody(std::string path, std::string stage, Parameter stage_buffer, std::string intermediate,
+                 std::set<std::string> outer_lets)
+        : path_(std::move(path)), stage_(std::move(stage)), stage_buffer_(std::move(stage_buffer)),
+          intermediate_(std::move(intermediate)), outer_lets_(std::move(outer_lets)) {}
 
+    // A name of the path's output as the stage's.
+    std::string adopted_name(const std::string &name) const {
+        if (name == path_ || starts_with(name, path_ + ".")) return stage_ + name.substr(path_.size());
+        return name;
+    }
     std::string rename(const std::string &name) const {
-        const std::string own = path_name;
-        std::string renamed = name;
-        if (name == own || starts_with(name, own + ".")) renamed = output_ + name.substr(own.size());
-        return outer_lets_.count(name) ? renamed + "$" + own : renamed;
+        return outer_lets_.count(name) ? adopted_name(name) + "$" + path_ : adopted_name(name);
     }
 
 private:
     using IRMutator::visit;
-    const std::string output_;
-    const Parameter output_buffer_;
+    const std::string path_, stage_;
+    const Parameter stage_buffer_;
+    const std::string intermediate_;
     const std::set<std::string> outer_lets_;
 
-    Expr visit(const Variable *op) override {
-        const bool buffer_field = op->param.defined() && op->param.name() == path_name;
-        return Variable::make(op->type, rename(op->name), buffer_field ? output_buffer_ : op->param);
+    Parameter adopted(const Parameter &param) const {
+        if (!param.defined() || param.name() == intermediate_) return Parameter();
+        return param.name() == path_ ? stage_buffer_ : param;
     }
+    Expr visit(const Variable *op) override { return Variable::make(op->type, rename(op->name), adopted(op->param)); }
     Stmt visit(const LetStmt *op) override {
         return LetStmt::make(rename(op->name), mutate(op->value), mutate(op->body));
     }
     Expr visit(const Let *op) override { return Let::make(rename(op->name), mutate(op->value), mutate(op->body)); }
+    Expr visit(const Load *op) override {
+        return Load::make(op->type, op->name, mutate(op->index), op->image, adopted(op->param), mutate(op->predicate),
+                          op->alignment);
+    }
     Stmt visit(const Store *op) override {
         const std::string name = rename(op->name);
-        return Store::make(name, mutate(op->value), mutate(op->index), name == output_ ? output_buffer_ : op->param,
-                           mutate(op->predicate), op->alignment);
+        return Store::make(name, mutate(op->value), mutate(op->index), adopted(op->param), mutate(op->predicate),
+                           op->alignment);
     }
     Stmt visit(const For *op) override {
         return For::make(rename(op->name), mutate(op->min), mutate(op->extent), op->for_type, op->device_api,
                          mutate(op->body));
     }
-    Stmt visit(const AssertStmt *) override { return Evaluate::make(0); }
+};
+
+// Whether every buffer a statement allocates has a size known at compile time.
+class ScratchIsBounded : public IRVisitor {
+public:
+    explicit ScratchIsBounded(const Stmt &s) { s.accept(this); }
+    bool bounded = true;
+
+private:
+    using IRVisitor::visit;
+    void visit(const Allocate *op) override {
+        bounded = bounded && op->constant_allocation_size() > 0;
+        IRVisitor::visit(op);
+    }
 };
 
 // The names of the variables an expression or statement reads.
@@ -100,26 +130,54 @@ private:
     void visit(const Variable *op) override { names.insert(op->name); }
 };
 
+// The buffer fields of the intermediate, as the variant lays it out: its
+// realized columns, one row after another, from the first row of the
+// region the filter states for it.
+std::map<std::string, Expr> intermediate_fields(const FilterDefinition &filter) {
+    const std::string name = filter.stages.front().result.name();
+    Expr columns = Variable::make(Int(32), name + ".x.extent_realized");
+    return {{name + ".min.0", Variable::make(Int(32), name + ".x.min_realized")},
+            {name + ".extent.0", columns},
+            {name + ".stride.0", 1},
+            {name + ".min.1", filter.intermediate[1].lo},
+            {name + ".extent.1", Variable::make(Int(32), name + ".y.extent_realized")},
+            {name + ".stride.1", columns}};
+}
+
 class FullMaskPass : public IRMutator {
 public:
-    FullMaskPass(const std::string &filter, const Inputs &in, const Parameter &output_buffer, int vw,
+    FullMaskPass(const std::string &filter, size_t index, const FilterDefinition &def, const Inputs &in, int vw,
                  const Target &target)
-        : output_(output_name(filter)), strel_(in.strel.parameter()) {
-        FullMaskStage stage = define_full_mask_filter(filter, in, path_name);
+        : path_("full_mask" + std::to_string(index)),
+          stage_(def.stages[index].result.name()),
+          strel_(in.strel.parameter()) {
+        const bool two_stage = def.stages.size() == 2, output_stage = index + 1 == def.stages.size();
+        // The second stage reads the first's samples as an input of the path.
+        const std::string intermediate_name = two_stage ? def.stages.front().result.name() : path_ + "_unused";
+        ImageParam intermediate(in.image.type(), 2, intermediate_name);
+        std::map<std::string, Expr> fields;
+        if (two_stage) fields = intermediate_fields(def);
+
+        FullMaskStage stage = define_full_mask_stage(filter, index, in, intermediate, path_);
         schedule_full_mask(stage, vw);
         Pipeline path(stage.result);
         Stmt lowered;
         // Its border chunks fold with whole-vector loads where they can, as the element-wise path does.
         path.add_custom_lowering_pass(make_border_loads_pass());
         path.add_custom_lowering_pass(new Capture(&lowered));
-        path.compile_to_module({in.image, in.minmax, in.strel}, path_name, target);
+        std::vector<Argument> arguments = {in.image, in.minmax, in.strel};
+        if (index == 1) arguments.push_back(intermediate);
+        path.compile_to_module(arguments, path_, target);
 
         FirstParallelLoop rows;
         lowered.accept(&rows);
         if (!rows.loop) throw std::logic_error("the full-mask path has no row loop");
+        Stmt body = WithoutChecks().mutate(rows.loop->body);
+        // Its scratch must live on the row task's stack: a size known when compiling.
+        if (!ScratchIsBounded(body).bounded) throw std::logic_error("the full-mask path's scratch has no fixed size");
         // The outer lets the row body needs, directly or through another one kept.
         VariablesUsed used;
-        rows.loop->body.accept(&used);
+        body.accept(&used);
         rows.loop->min.accept(&used);
         std::vector<const LetStmt *> kept;
         std::set<std::string> kept_names;
@@ -129,19 +187,27 @@ public:
             kept_names.insert((*let)->name);
             (*let)->value.accept(&used);
         }
-        AdoptRowBody adopt(output_, output_buffer, kept_names);
+        Parameter stage_buffer;
+        if (output_stage) stage_buffer = def.output().result.output_buffer().parameter();
+        AdoptRowBody adopt(path_, stage_, stage_buffer, intermediate_name, kept_names);
         row_loop_ = adopt.rename(rows.loop->name);
         row_min_ = adopt.mutate(rows.loop->min);
-        row_body_ = adopt.mutate(rows.loop->body);
-        for (const LetStmt *let : kept) outer_lets_.emplace_back(adopt.rename(let->name), adopt.mutate(let->value));
+        row_body_ = adopt.mutate(body);
+        for (const LetStmt *let : kept) {
+            // The intermediate's fields are the variant's, not read from a buffer.
+            auto field = fields.find(adopt.adopted_name(let->name));
+            outer_lets_.emplace_back(adopt.rename(let->name),
+                                     field != fields.end() ? field->second : adopt.mutate(let->value));
+        }
+        width_ = output_stage ? Variable::make(Int(32), stage_ + ".extent.0") : fields.at(stage_ + ".extent.0");
     }
 
 private:
     using IRMutator::visit;
-    const std::string output_;
+    const std::string path_, stage_;
     const Parameter strel_;
     std::string row_loop_;
-    Expr row_min_;
+    Expr row_min_, width_;
     Stmt row_body_;
     std::vector<std::pair<std::string, Expr>> outer_lets_;
     bool done_ = false;
@@ -151,9 +217,9 @@ private:
     // The wide path's row loop (the first one) gets the path: each row takes
     // it when the call's test said so, and its own body otherwise.
     Stmt visit(const For *op) override {
-        if (done_ || op->for_type != ForType::Parallel || op->name != output_ + ".s0.y") return IRMutator::visit(op);
+        if (done_ || op->for_type != ForType::Parallel || op->name != stage_ + ".s0.y") return IRMutator::visit(op);
         done_ = true;
-        const std::string taken = std::string(path_name) + ".taken";
+        const std::string taken = path_ + ".taken";
         Expr row = Variable::make(Int(32), op->name);
         Stmt path = substitute(row_loop_, row - op->min + row_min_, row_body_);
         Stmt loop = For::make(op->name, op->min, op->extent, op->for_type, op->device_api,
@@ -163,7 +229,7 @@ private:
         return decide(taken, loop);
     }
 
-    // Once per call: whether the output is at least one chunk wide, the mask
+    // Once per call: whether the stage is at least one chunk wide, the mask
     // at most full_mask_max_columns wide, large enough in both directions for
     // the path to pay, and all its bytes 1. (Counted in instructions, a 1024 x
     // 1024 uint8 dilation costs about one per mask element and sample on the
@@ -171,13 +237,11 @@ private:
     // 5 x 5 breaks even, and on images beyond the caches it lost, 7 x 7 gains
     // 1.5x, 31 x 31 9x, and lines never gain.)
     Stmt decide(const std::string &taken, Stmt loop) const {
-        const std::string flag = std::string(path_name) + ".all_active";
-        const std::string k = std::string(path_name) + ".k", j = std::string(path_name) + ".j";
+        const std::string flag = path_ + ".all_active", k = path_ + ".k", j = path_ + ".j";
         Expr sx = strel_variable("extent.0"), sy = strel_variable("extent.1");
-        Expr width = Variable::make(Int(32), output_ + ".extent.0");
         Expr sx64 = cast<int64_t>(sx), sy64 = cast<int64_t>(sy);
         Expr pays = 5 * sx64 * sy64 > 48 + 8 * (sx64 + sy64);
-        Expr eligible = sx >= 1 && sy >= 1 && sx <= full_mask_max_columns && width >= full_mask_chunk && pays;
+        Expr eligible = sx >= 1 && sy >= 1 && sx <= full_mask_max_columns && width_ >= full_mask_chunk && pays;
 
         auto flag_value = [&] { return Load::make(UInt(8), flag, 0, Buffer<>(), Parameter(), const_true(), {}); };
         auto set_flag = [&](Expr value) { return Store::make(flag, value, 0, Parameter(), const_true(), {}); };
@@ -195,9 +259,9 @@ private:
 
 }  // namespace
 
-IRMutator *make_full_mask_pass(const std::string &filter, const Inputs &in, const Parameter &output_buffer,
-                               int vector_width, const Target &target) {
-    return new FullMaskPass(filter, in, output_buffer, vector_width, target);
+IRMutator *make_full_mask_pass(const std::string &filter, size_t stage, const FilterDefinition &definition,
+                               const Inputs &in, int vector_width, const Target &target) {
+    return new FullMaskPass(filter, stage, definition, in, vector_width, target);
 }
 
 }  // namespace flatmorph

@@ -17,7 +17,7 @@ int tiles_in_flight(int vector_width);
 void schedule_filter(const FilterDefinition &filter, const Inputs &in, int vector_width);
 
 // The full-mask path walks a row in chunks of this many output columns, each
-// with its column folds in a stack buffer of a fixed size; it serves outputs at
+// with its column folds in a stack buffer of a fixed size; it serves stages at
 // least one chunk wide and masks at most this many columns wide.
 constexpr int full_mask_chunk = 256;
 constexpr int full_mask_max_columns = 65;

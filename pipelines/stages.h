@@ -58,16 +58,18 @@ extern const Halide::Var x, y;
 // Defines the filter named `filter` ("imdilate", ..., "imbothat") over `in`.
 FilterDefinition define_filter(const std::string &filter, const Inputs &in);
 
-// A single-stage filter for a mask whose every element is active, folded
-// column first: `columns` folds each image column over the mask's rows, and
-// the output folds those column results over the mask's columns. Only the
-// integer and bool folds may take it, since they do not depend on the order
-// of their samples. `result` is named `name`, the output's name.
+// Stage `index` of `filter` for a mask whose every element is active, folded
+// column first: `columns` folds each column over the mask's rows, and the
+// stage folds those column results over the mask's columns. Only the integer
+// and bool folds may take it, since they do not depend on the order of their
+// samples. The second stage of a two-stage filter reads the first stage's
+// samples from `intermediate`; `result` is named `name`.
 struct FullMaskStage {
     Halide::Func columns, accumulator, result;
     Halide::RDom rows, cols;
 };
-FullMaskStage define_full_mask_filter(const std::string &filter, const Inputs &in, const std::string &name);
+FullMaskStage define_full_mask_stage(const std::string &filter, size_t index, const Inputs &in,
+                                     const Halide::ImageParam &intermediate, const std::string &name);
 
 // Name of the output buffer of a filter ("dilate" for "imdilate", ...).
 std::string output_name(const std::string &filter);
