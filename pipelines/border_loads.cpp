@@ -55,17 +55,28 @@ bool clamped_lanes(const Max *clamp, ClampedLanes *c) {
     return true;
 }
 
-// The gathered value with its lanes' clamps dropped and its index stated as
-// the dense ramp it then is: in the index, a clamp of columns becomes the
-// ramp, and widening or offsetting a ramp gives a ramp.
-class Unclamped : public IRMutator {
+// The gathered value read as one dense ramp of columns: in the index, a clamp
+// of columns becomes the ramp itself (`Dense::as_is`, right where every lane
+// is inside) or the ramp moved just inside the clamp's bounds
+// (`Dense::moved_inside`, which needs bounds at least a vector apart); widening
+// or offsetting a ramp gives a ramp.
+enum class Dense { as_is, moved_inside };
+
+class DenseLoad : public IRMutator {
+public:
+    explicit DenseLoad(Dense how) : how_(how) {}
+
+private:
     using IRMutator::visit;
+    const Dense how_;
     bool in_index_ = false;
 
     Expr visit(const Max *op) override {
         ClampedLanes c;
-        if (in_index_ && op->type.is_vector() && clamped_lanes(op, &c)) return c.lanes;
-        return IRMutator::visit(op);
+        if (!in_index_ || !op->type.is_vector() || !clamped_lanes(op, &c)) return IRMutator::visit(op);
+        if (how_ == Dense::as_is) return c.lanes;
+        const Ramp *r = c.lanes.as<Ramp>();
+        return Ramp::make(clamp(r->base, c.lo, c.hi - (r->lanes - 1)), r->stride, r->lanes);
     }
     Expr visit(const Cast *op) override {
         Expr value = mutate(op->value);
@@ -100,35 +111,6 @@ class Unclamped : public IRMutator {
     }
 };
 
-// `lanes` lanes of a vector expression from lane `begin`, worked out lane-wise
-// down to its ramps and broadcasts, so that the half of a gather gathers only
-// its half and the half of a clamped ramp is still one.
-class LanesOf : public IRMutator {
-public:
-    LanesOf(int begin, int lanes) : begin_(begin), lanes_(lanes) {}
-
-private:
-    using IRMutator::visit;
-    const int begin_, lanes_;
-
-    Expr visit(const Ramp *op) override {
-        return Ramp::make(simplify(op->base + op->stride * begin_), op->stride, lanes_);
-    }
-    Expr visit(const Broadcast *op) override { return Broadcast::make(op->value, lanes_); }
-    Expr visit(const Cast *op) override { return Cast::make(op->type.with_lanes(lanes_), mutate(op->value)); }
-    Expr visit(const Load *op) override {
-        return Load::make(op->type.with_lanes(lanes_), op->name, mutate(op->index), op->image, op->param,
-                          mutate(op->predicate), op->alignment);
-    }
-    Expr visit(const Variable *op) override { return whole_slice(op); }
-    Expr visit(const Call *op) override { return whole_slice(op); }
-    Expr whole_slice(const Expr &e) const {
-        return e.type().is_vector() ? Shuffle::make_slice(e, begin_, 1, lanes_) : e;
-    }
-};
-
-Expr lanes_of(const Expr &e, int begin, int lanes) { return LanesOf(begin, lanes).mutate(e); }
-
 // The index of a padded gather: int64(clamp(ramp(start, 1, lanes), lo, hi))
 // plus the row's offset, `lo` and `hi` being the first and last column inside
 // (for an earlier stage, less the first column it holds).
@@ -153,45 +135,54 @@ bool clamped_window(const Load *gather, ClampedWindow *w) {
 
 class BorderLoads : public IRMutator {
     using IRMutator::visit;
+    int windows_ = 0;
 
     // `with` holds a padded gather over a window of columns clamped to the
     // image's (or an earlier stage's): test its lanes at once by the window's
     // two ends and its row, and where all are inside use the same statement
     // with a whole-vector load. Otherwise, on a tile that straddles the edge,
-    // one half of the lanes often lies wholly inside: that half takes a
-    // whole-vector load and only the other half is gathered. The ends are
-    // judged in 64 bits: lanes whose columns wrap around 32 bits are not
-    // inside, however the wrapped numbers compare.
+    // the vector of columns just inside the bounds is loaded whole into a
+    // small stack buffer at the place it has in the window, and the lanes
+    // inside read it from there: each lane holds the same sample as its
+    // clamped load gives, and the pad is chosen as before. The ends are judged
+    // in 64 bits: lanes whose columns wrap around 32 bits are not inside,
+    // however the wrapped numbers compare.
     template <typename MakeStmt>
     Stmt both_ways(const Expr &with, MakeStmt make) {
         FindPaddedGather finder;
         with.accept(&finder);
         ClampedWindow w;
-        if (!finder.found || !clamped_window(gathered_load(finder.found->true_value), &w)) return make(with);
+        const Load *gather = finder.found ? gathered_load(finder.found->true_value) : nullptr;
+        if (!gather || !clamped_window(gather, &w)) return make(with);
         const Select *choice = finder.found;
-        const int lanes = choice->type.lanes(), half = lanes / 2;
+        const int lanes = choice->type.lanes();
         auto using_value = [&](const Expr &value) { return make(substitute(Expr(choice), value, with)); };
-        auto all_inside = [&](int begin, int n) {
-            Expr row_inside = simplify(Shuffle::make_extract_element(choice->condition, begin));
-            Expr first = cast<int64_t>(w.start) + begin;
-            return first >= cast<int64_t>(w.lo) && first + (n - 1) <= cast<int64_t>(w.hi) && row_inside;
-        };
-        Unclamped unclamped;
-        Stmt otherwise = make(with);
-        if (lanes >= 8) {
-            Expr halves[2][2];  // [half][0: as it was, 1: whole-vector load]
-            for (int h = 0; h < 2; h++) {
-                Expr sample = lanes_of(choice->true_value, h * half, half);
-                halves[h][0] = select(lanes_of(choice->condition, h * half, half), sample,
-                                      lanes_of(choice->false_value, h * half, half));
-                halves[h][1] = unclamped.mutate(sample);
-            }
-            otherwise = IfThenElse::make(
-                all_inside(0, half), using_value(Shuffle::make_concat({halves[0][1], halves[1][0]})),
-                IfThenElse::make(all_inside(half, half),
-                                 using_value(Shuffle::make_concat({halves[0][0], halves[1][1]})), otherwise));
-        }
-        return IfThenElse::make(all_inside(0, lanes), using_value(unclamped.mutate(choice->true_value)), otherwise);
+        Expr start = cast<int64_t>(w.start), lo = cast<int64_t>(w.lo), hi = cast<int64_t>(w.hi);
+        Expr row_inside = simplify(Shuffle::make_extract_element(choice->condition, 0));
+        Expr all_inside = start >= lo && start + (lanes - 1) <= hi && row_inside;
+        Stmt whole = using_value(DenseLoad(Dense::as_is).mutate(choice->true_value));
+
+        // The buffer holds 3 vectors: the window is its middle one, and the
+        // vector loaded whole lands at most one vector before or after it.
+        const std::string buffer = "border_window$" + std::to_string(windows_++);
+        const Type t = gather->type.element_of();
+        auto ramp_at = [&](Expr first) { return Ramp::make(first, 1, lanes); };
+        Expr moved = cast<int32_t>(clamp(cast<int64_t>(clamp(w.start, w.lo, w.hi - (lanes - 1))) - start,
+                                         -lanes, lanes));
+        Stmt fill = Block::make(
+            Store::make(buffer, Broadcast::make(make_zero(t), lanes), ramp_at(lanes), Parameter(), const_true(lanes),
+                        ModulusRemainder()),
+            Store::make(buffer, DenseLoad(Dense::moved_inside).mutate(Expr(gather)), ramp_at(lanes + moved),
+                        Parameter(), const_true(lanes), ModulusRemainder()));
+        Expr window = Load::make(gather->type, buffer, ramp_at(lanes), Buffer<>(), Parameter(), const_true(lanes),
+                                 ModulusRemainder());
+        Expr value = select(choice->condition, substitute(Expr(gather), window, choice->true_value),
+                            choice->false_value);
+        Stmt windowed = Allocate::make(buffer, t, MemoryType::Stack, {3 * lanes}, const_true(),
+                                       Block::make(fill, using_value(value)));
+        // The vector just inside exists where the bounds are a vector apart at least.
+        Stmt straddling = IfThenElse::make(hi - lo + 1 >= lanes, windowed, make(with));
+        return IfThenElse::make(all_inside, whole, straddling);
     }
 
     Stmt visit(const Store *op) override {
