@@ -148,8 +148,14 @@ class BorderLoads : public IRMutator {
     // in 64 bits: lanes whose columns wrap around 32 bits are not inside,
     // however the wrapped numbers compare.
     template <typename MakeStmt>
-    Stmt both_ways(const Expr &with, MakeStmt make) {
+    Stmt both_ways(Expr with, MakeStmt make) {
         FindPaddedGather finder;
+        with.accept(&finder);
+        if (!finder.found) return make(with);
+        // The window's ends are tested outside the expression: none of the
+        // names they use may be bound inside it.
+        with = substitute_in_all_lets(with);
+        finder = FindPaddedGather();
         with.accept(&finder);
         ClampedWindow w;
         const Load *gather = finder.found ? gathered_load(finder.found->true_value) : nullptr;

@@ -70,11 +70,9 @@ int compile_variant(const std::string &filter_name, const std::string &type, con
     pipeline.add_custom_lowering_pass(make_frame_pass(filter, in, vw), nullptr);
     pipeline.add_custom_lowering_pass(make_tile_jam_pass(tiles_in_flight(vw), vw), nullptr);
     pipeline.add_custom_lowering_pass(make_border_loads_pass(), nullptr);
-    // Integer and bool folds do not depend on their order, so a full mask may fold column first.
-    if (!in.image.type().is_float()) {
-        for (size_t stage = 0; stage < filter.stages.size(); stage++)
-            pipeline.add_custom_lowering_pass(make_full_mask_pass(filter_name, stage, filter, in, vw, target), nullptr);
-    }
+    // A full mask may fold column first, each stage on its own.
+    for (size_t stage = 0; stage < filter.stages.size(); stage++)
+        pipeline.add_custom_lowering_pass(make_full_mask_pass(filter_name, stage, filter, in, vw, target), nullptr);
     Module module = pipeline.compile_to_module({in.image, in.minmax, in.strel}, variant, target, LinkageType::External);
     module.compile({{OutputFileType::object, dir + "/" + variant + ".raw.o"}});
 

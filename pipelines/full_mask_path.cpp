@@ -55,20 +55,44 @@ class WithoutChecks : public IRMutator {
     Stmt visit(const AssertStmt *) override { return Evaluate::make(0); }
 };
 
+// A float stage's flags, stored beside its values, are gathered into one
+// per row instead: whether any sample the row folded was NaN or -0.0.
+class GatherFlags : public IRMutator {
+public:
+    GatherFlags(std::string flags, std::string row_flag) : flags_(std::move(flags)), row_flag_(std::move(row_flag)) {}
+
+private:
+    using IRMutator::visit;
+    const std::string flags_, row_flag_;
+
+    Stmt visit(const Store *op) override {
+        if (op->name != flags_) return IRMutator::visit(op);
+        Expr any = op->value.type().is_vector() ? VectorReduce::make(VectorReduce::Max, op->value, 1) : op->value;
+        Expr seen = Load::make(UInt(8), row_flag_, 0, Buffer<>(), Parameter(), const_true(), {});
+        return Store::make(row_flag_, max(seen, any), 0, Parameter(), const_true(), {});
+    }
+    // The lets that placed the flags in their buffer are no longer read.
+    Stmt visit(const LetStmt *op) override {
+        Stmt body = mutate(op->body);
+        return stmt_uses_var(body, op->name) ? LetStmt::make(op->name, op->value, body) : body;
+    }
+};
+
 // Moves the path's row body into the variant: its output's names become the
 // stage's, the outer lets it keeps get names of their own, and the buffer
 // the second stage reads the first stage's samples from becomes the
 // variant's intermediate (an allocation of the variant, not an argument).
 class AdoptRowBody : public IRMutator {
 public:
-    AdoptRowBody(std::string path, std::string stage, Parameter stage_buffer, std::string intermediate,
-                 std::set<std::string> outer_lets)
-        : path_(std::move(path)), stage_(std::move(stage)), stage_buffer_(std::move(stage_buffer)),
-          intermediate_(std::move(intermediate)), outer_lets_(std::move(outer_lets)) {}
+    AdoptRowBody(std::string path, std::string output, std::string stage, Parameter stage_buffer,
+                 std::string intermediate, std::set<std::string> outer_lets)
+        : path_(std::move(path)), output_(std::move(output)), stage_(std::move(stage)),
+          stage_buffer_(std::move(stage_buffer)), intermediate_(std::move(intermediate)),
+          outer_lets_(std::move(outer_lets)) {}
 
     // A name of the path's output as the stage's.
     std::string adopted_name(const std::string &name) const {
-        if (name == path_ || starts_with(name, path_ + ".")) return stage_ + name.substr(path_.size());
+        if (name == output_ || starts_with(name, output_ + ".")) return stage_ + name.substr(output_.size());
         return name;
     }
     std::string rename(const std::string &name) const {
@@ -77,14 +101,14 @@ public:
 
 private:
     using IRMutator::visit;
-    const std::string path_, stage_;
+    const std::string path_, output_, stage_;
     const Parameter stage_buffer_;
     const std::string intermediate_;
     const std::set<std::string> outer_lets_;
 
     Parameter adopted(const Parameter &param) const {
         if (!param.defined() || param.name() == intermediate_) return Parameter();
-        return param.name() == path_ ? stage_buffer_ : param;
+        return param.name() == output_ ? stage_buffer_ : param;
     }
     Expr visit(const Variable *op) override { return Variable::make(op->type, rename(op->name), adopted(op->param)); }
     Stmt visit(const LetStmt *op) override {
@@ -150,7 +174,9 @@ public:
                  const Target &target)
         : path_("full_mask" + std::to_string(index)),
           stage_(def.stages[index].result.name()),
-          strel_(in.strel.parameter()) {
+          row_flag_(path_ + ".order_sensitive"),
+          flagged_(in.image.type().is_float()),
+          in_(in) {
         const bool two_stage = def.stages.size() == 2, output_stage = index + 1 == def.stages.size();
         // The second stage reads the first's samples as an input of the path.
         const std::string intermediate_name = two_stage ? def.stages.front().result.name() : path_ + "_unused";
@@ -172,7 +198,9 @@ public:
         FirstParallelLoop rows;
         lowered.accept(&rows);
         if (!rows.loop) throw std::logic_error("the full-mask path has no row loop");
-        Stmt body = WithoutChecks().mutate(rows.loop->body);
+        // A float stage's values are the first of its Tuple, its flags the second.
+        const std::string path_output = flagged_ ? path_ + ".0" : path_;
+        Stmt body = GatherFlags(path_ + ".1", row_flag_).mutate(WithoutChecks().mutate(rows.loop->body));
         // Its scratch must live on the row task's stack: a size known when compiling.
         if (!ScratchIsBounded(body).bounded) throw std::logic_error("the full-mask path's scratch has no fixed size");
         // The outer lets the row body needs, directly or through another one kept.
@@ -189,7 +217,7 @@ public:
         }
         Parameter stage_buffer;
         if (output_stage) stage_buffer = def.output().result.output_buffer().parameter();
-        AdoptRowBody adopt(path_, stage_, stage_buffer, intermediate_name, kept_names);
+        AdoptRowBody adopt(path_, path_output, stage_, stage_buffer, intermediate_name, kept_names);
         row_loop_ = adopt.rename(rows.loop->name);
         row_min_ = adopt.mutate(rows.loop->min);
         row_body_ = adopt.mutate(body);
@@ -204,8 +232,9 @@ public:
 
 private:
     using IRMutator::visit;
-    const std::string path_, stage_;
-    const Parameter strel_;
+    const std::string path_, stage_, row_flag_;
+    const bool flagged_;
+    const Inputs &in_;
     std::string row_loop_;
     Expr row_min_, width_;
     Stmt row_body_;
@@ -213,6 +242,15 @@ private:
     bool done_ = false;
 
     Expr strel_variable(const std::string &field) const { return Variable::make(Int(32), "strel." + field); }
+
+    // The pad at (i, 0) of `minmax`, as the element type has it.
+    Expr pad(int i) const {
+        Expr min0 = Variable::make(Int(32), "minmax.min.0"), min1 = Variable::make(Int(32), "minmax.min.1");
+        Expr stride1 = Variable::make(Int(32), "minmax.stride.1");
+        Expr index = cast<int64_t>(i) - cast<int64_t>(min0) - cast<int64_t>(min1) * cast<int64_t>(stride1);
+        Expr stored = Load::make(Float(64), "minmax", index, Buffer<>(), in_.minmax.parameter(), const_true(), {});
+        return convert_pad(stored, in_.image.type());
+    }
 
     // The wide path's row loop (the first one) gets the path: each row takes
     // it when the call's test said so, and its own body otherwise.
@@ -222,8 +260,18 @@ private:
         const std::string taken = path_ + ".taken";
         Expr row = Variable::make(Int(32), op->name);
         Stmt path = substitute(row_loop_, row - op->min + row_min_, row_body_);
-        Stmt loop = For::make(op->name, op->min, op->extent, op->for_type, op->device_api,
-                              IfThenElse::make(Variable::make(Bool(), taken), path, op->body));
+        Stmt body = IfThenElse::make(Variable::make(Bool(), taken), path, op->body);
+        if (flagged_) {
+            // A float row folded a NaN or -0.0: it is folded again, element by element.
+            auto set_flag = [&](int value) {
+                return Store::make(row_flag_, make_const(UInt(8), value), 0, Parameter(), const_true(), {});
+            };
+            Expr flag = Load::make(UInt(8), row_flag_, 0, Buffer<>(), Parameter(), const_true(), {});
+            body = Block::make({set_flag(1), IfThenElse::make(Variable::make(Bool(), taken), Block::make(set_flag(0), path)),
+                                IfThenElse::make(flag != 0, op->body)});
+            body = Allocate::make(row_flag_, UInt(8), MemoryType::Stack, {1}, const_true(), body);
+        }
+        Stmt loop = For::make(op->name, op->min, op->extent, op->for_type, op->device_api, body);
         for (auto let = outer_lets_.rbegin(); let != outer_lets_.rend(); ++let)
             loop = LetStmt::make(let->first, let->second, loop);
         return decide(taken, loop);
@@ -242,12 +290,14 @@ private:
         Expr sx64 = cast<int64_t>(sx), sy64 = cast<int64_t>(sy);
         Expr pays = 5 * sx64 * sy64 > 48 + 8 * (sx64 + sy64);
         Expr eligible = sx >= 1 && sy >= 1 && sx <= full_mask_max_columns && width_ >= full_mask_chunk && pays;
+        // A float stage may also read a pad: neither may be NaN or -0.0.
+        if (flagged_) eligible = eligible && order_sensitive(pad(0)) == 0 && order_sensitive(pad(1)) == 0;
 
         auto flag_value = [&] { return Load::make(UInt(8), flag, 0, Buffer<>(), Parameter(), const_true(), {}); };
         auto set_flag = [&](Expr value) { return Store::make(flag, value, 0, Parameter(), const_true(), {}); };
         Expr index = cast<int64_t>(Variable::make(Int(32), k)) +
                      cast<int64_t>(Variable::make(Int(32), j)) * cast<int64_t>(strel_variable("stride.1"));
-        Expr byte = Load::make(UInt(8), "strel", index, Buffer<>(), strel_, const_true(), {});
+        Expr byte = Load::make(UInt(8), "strel", index, Buffer<>(), in_.strel.parameter(), const_true(), {});
         Stmt scan = For::make(j, 0, sy, ForType::Serial, DeviceAPI::None,
                               For::make(k, 0, sx, ForType::Serial, DeviceAPI::None,
                                         set_flag(select(byte == 1, flag_value(), make_zero(UInt(8))))));

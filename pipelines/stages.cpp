@@ -1,7 +1,9 @@
 #include "stages.h"
 
+#include <cmath>
 #include <functional>
 #include <map>
+#include <optional>
 #include <stdexcept>
 
 using namespace Halide;
@@ -44,11 +46,14 @@ Sampler padded_image(const Inputs &in, Expr pad) {
 }
 
 // A sample of an earlier stage inside the zero-based frame of the image's
-// extents, or `pad` outside it (the output stage of the opening).
-Sampler framed_stage(const Inputs &in, const Sampler &earlier, Expr pad) {
-    return [&in, earlier, pad](Expr a, Expr b) {
+// extents, or `pad` outside it (the output stage of the opening). The load
+// is clamped into the frame, or into `columns` where the earlier stage holds
+// only those.
+Sampler framed_stage(const Inputs &in, const Sampler &earlier, Expr pad, const std::optional<Span> &columns) {
+    return [&in, earlier, pad, columns](Expr a, Expr b) {
         Expr iw = in.image.dim(0).extent(), ih = in.image.dim(1).extent();
-        Expr load = earlier(clamp(a, 0, iw - 1), clamp(b, 0, ih - 1));
+        Expr column = columns ? clamp(a, columns->lo, columns->hi - 1) : clamp(a, 0, iw - 1);
+        Expr load = earlier(column, clamp(b, 0, ih - 1));
         return select(likely(b >= 0 && b < ih), select(likely(a >= 0 && a < iw), load, pad), pad);
     };
 }
@@ -76,8 +81,11 @@ bool erosion_first(const std::string &filter) { return filter == "imopen" || fil
 bool single_stage(const std::string &filter) { return filter == "imdilate" || filter == "imerode"; }
 
 // The rule of stage `index` of `filter`; `earlier` reads the first stage's
-// samples (needed by the second stage only).
-StageRule stage_rule(const std::string &filter, size_t index, const Inputs &in, const Sampler &earlier) {
+// samples (needed by the second stage only). Where the first stage holds
+// only the columns `earlier_columns`, the second stage's reads are clamped
+// into them.
+StageRule stage_rule(const std::string &filter, size_t index, const Inputs &in, const Sampler &earlier,
+                     const std::optional<Span> &earlier_columns = std::nullopt) {
     Type t = in.image.type();
     Expr low_pad = convert_pad(in.minmax(0, 0), t);
     Expr high_pad = convert_pad(in.minmax(1, 0), t);
@@ -100,8 +108,13 @@ StageRule stage_rule(const std::string &filter, size_t index, const Inputs &in, 
     // The opening dilates in the zero-based frame of the image's extents; the
     // closing erodes the intermediate as it is, since it already covers the
     // whole reach of the mask.
-    return opening ? StageRule{output_name(filter), Fold::Max, framed_stage(in, earlier, low_pad), finish}
-                   : StageRule{output_name(filter), Fold::Min, earlier, finish};
+    if (opening) return {output_name(filter), Fold::Max, framed_stage(in, earlier, low_pad, earlier_columns), finish};
+    Sampler unframed = earlier;
+    if (earlier_columns) {
+        const Span columns = *earlier_columns;
+        unframed = [earlier, columns](Expr a, Expr b) { return earlier(clamp(a, columns.lo, columns.hi - 1), b); };
+    }
+    return {output_name(filter), Fold::Min, unframed, finish};
 }
 
 Stage fold_stage(const StageRule &rule, const Inputs &in, const MaskGeometry &m) {
@@ -138,25 +151,43 @@ FullMaskStage define_full_mask_stage(const std::string &filter, size_t index, co
                                      const Halide::ImageParam &intermediate, const std::string &name) {
     // A chunk's column buffer has a fixed size and may reach past the columns
     // the chunk needs: its reads of the intermediate stay within the columns computed.
-    const Sampler earlier = [intermediate](Expr a, Expr b) {
-        return intermediate(clamp(a, intermediate.dim(0).min(), intermediate.dim(0).max()), b);
-    };
-    const StageRule rule = stage_rule(filter, index, in, earlier);
+    const Sampler earlier = [intermediate](Expr a, Expr b) { return intermediate(a, b); };
+    const Span computed{intermediate.dim(0).min(), intermediate.dim(0).min() + intermediate.dim(0).extent()};
+    const StageRule rule = stage_rule(filter, index, in, earlier, computed);
     const MaskGeometry m(in);
     // Each fold starts from its first sample rather than the identity, which
     // is the same for these folds (the path needs a mask of one element at least).
     FullMaskStage s{Func(name + "_columns"), Func(name + "_fold"), Func(name), RDom(1, m.sy - 1, name + "_rows"),
                     RDom(1, m.sx - 1, name + "_cols")};
     // The same offsets as the element-wise fold: reflected for a dilation.
-    const bool max_fold = rule.fold == Fold::Max;
-    auto row = [&](Expr j) { return max_fold ? y + m.cy - j : y + j - m.cy; };
-    auto column = [&](Expr k) { return max_fold ? x + m.cx - k : x + k - m.cx; };
-    s.columns(x, y) = rule.sample(x, row(0));
-    s.columns(x, y) = fold_step(rule.fold, s.columns(x, y), rule.sample(x, row(s.rows)));
+    const Fold fold = rule.fold;
+    auto row = [&](Expr j) { return fold == Fold::Max ? y + m.cy - j : y + j - m.cy; };
+    auto column = [&](Expr k) { return fold == Fold::Max ? x + m.cx - k : x + k - m.cx; };
+    Expr first = rule.sample(x, row(0)), next = rule.sample(x, row(s.rows));
+    if (!in.image.type().is_float()) {
+        s.columns(x, y) = first;
+        s.columns(x, y) = fold_step(fold, s.columns(x, y), next);
+        s.accumulator(x, y) = s.columns(column(0), y);
+        s.accumulator(x, y) = fold_step(fold, s.accumulator(x, y), s.columns(column(s.cols), y));
+        s.result(x, y) = rule.finish(s.accumulator(x, y));
+        return s;
+    }
+    s.columns(x, y) = {first, order_sensitive(first)};
+    s.columns(x, y) = {fold_step(fold, s.columns(x, y)[0], next), max(s.columns(x, y)[1], order_sensitive(next))};
     s.accumulator(x, y) = s.columns(column(0), y);
-    s.accumulator(x, y) = fold_step(rule.fold, s.accumulator(x, y), s.columns(column(s.cols), y));
-    s.result(x, y) = rule.finish(s.accumulator(x, y));
+    FuncRef folded = s.columns(column(s.cols), y);
+    s.accumulator(x, y) = {fold_step(fold, s.accumulator(x, y)[0], folded[0]), max(s.accumulator(x, y)[1], folded[1])};
+    s.result(x, y) = {rule.finish(s.accumulator(x, y)[0]), s.accumulator(x, y)[1]};
     return s;
+}
+
+Expr order_sensitive(Expr sample) {
+    const int bits = sample.type().bits();
+    Type word = UInt(bits);
+    Expr b = reinterpret(word, sample), sign = Internal::make_const(word, uint64_t(1) << (bits - 1));
+    Expr infinity = reinterpret(word, Internal::make_const(sample.type(), INFINITY));
+    Expr nan = (b & ~sign) > infinity;
+    return cast<uint8_t>(nan || b == sign);
 }
 
 std::string output_name(const std::string &filter) {

@@ -60,16 +60,23 @@ FilterDefinition define_filter(const std::string &filter, const Inputs &in);
 
 // Stage `index` of `filter` for a mask whose every element is active, folded
 // column first: `columns` folds each column over the mask's rows, and the
-// stage folds those column results over the mask's columns. Only the integer
-// and bool folds may take it, since they do not depend on the order of their
-// samples. The second stage of a two-stage filter reads the first stage's
-// samples from `intermediate`; `result` is named `name`.
+// stage folds those column results over the mask's columns. The integer and
+// bool folds do not depend on the order of their samples. The float folds do
+// only through NaN and the sign of zero, so a float stage is a Tuple: its
+// value and a flag, 1 where a sample it folded is NaN or -0.0 (those samples
+// must be folded in their own order, element by element). The second stage
+// of a two-stage filter reads the first stage's samples from `intermediate`;
+// `result` is named `name`.
 struct FullMaskStage {
     Halide::Func columns, accumulator, result;
     Halide::RDom rows, cols;
 };
 FullMaskStage define_full_mask_stage(const std::string &filter, size_t index, const Inputs &in,
                                      const Halide::ImageParam &intermediate, const std::string &name);
+
+// 1 where a float sample is NaN or -0.0, else 0 (worked on its bits, which
+// no float optimisation can change).
+Halide::Expr order_sensitive(Halide::Expr sample);
 
 // Name of the output buffer of a filter ("dilate" for "imdilate", ...).
 std::string output_name(const std::string &filter);
