@@ -54,7 +54,7 @@ TEST(FloatFoldOrder, MultiRowMasksMatchReferenceModel) {
         {4, {1, 1, 0, 0, 1, 1, 1, 1}},                       // 4 x 2
         {4, std::vector<uint8_t>(16, 1)},                    // 4 x 4, whole
         {5, std::vector<uint8_t>(15, 1)},                    // 5 x 3, whole
-        {7, std::vector<uint8_t>(35, 1)},                    // 7 x 5, whole: folded column first on wide rows
+        {9, std::vector<uint8_t>(81, 1)},                    // 9 x 9, whole: folded column first on wide rows
         {5, {1, 1, 1, 1, 1}},                                // one whole row
         {1, {1, 1, 1}},                                      // one whole column
     };
