@@ -4,8 +4,7 @@
 // own allocator behind the two-stage intermediates; a refused call and a
 // bounds query. Memcheck sees the pipelines' own accesses (no read of
 // undefined or unowned memory, no leak), which the sanitizers cannot.
-#include "large_problem.h"
-#include "support/random_problem.h"
+#include "support/harness.h"
 
 #include <HalideRuntime.h>
 #include <valgrind/memcheck.h>
@@ -25,7 +24,7 @@ TEST(Memcheck, EveryFilter) {
         const bool picked = v.elem->elem == Elem::UInt8 || v.elem->elem == Elem::Float32 || v.elem->elem == Elem::Int16;
         if (!picked || (v.tag != "none" && v.tag != "avx2") || !cpu_supports(v.tag)) continue;
         SCOPED_TRACE(v.name());
-        for (const Problem &p : {random_problem(v, rng), random_problem(v, rng), fmrel::large_problem(v, rng)}) {
+        for (const Problem &p : {random_problem(v, rng), random_problem(v, rng), large_problem(v, rng)}) {
             Call valid(p);
             EXPECT_EQ(valid.run(entry(v)), 0);
             const auto bytes = valid.output->snapshot();  // every output sample computed from defined ones

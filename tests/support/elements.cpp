@@ -1,39 +1,34 @@
 #include "elements.h"
 
-#include <cmath>
 #include <limits>
 #include <stdexcept>
 
 namespace fmtest {
 
+namespace {
+
+template <typename Row>
+const Row &by_name(const std::vector<Row> &rows, const std::string &name) {
+    for (const Row &r : rows)
+        if (name == r.name) return r;
+    throw std::invalid_argument(name);
+}
+
+}  // namespace
+
 const std::vector<ElemInfo> &all_elements() {
+    const double inf = std::numeric_limits<double>::infinity();
     static const std::vector<ElemInfo> table = {
-        {Elem::Bool, "bool", 1, 1, 1},        {Elem::Int8, "int8", 1, 0, 8},
-        {Elem::UInt8, "uint8", 1, 1, 8},      {Elem::Int16, "int16", 2, 0, 16},
-        {Elem::UInt16, "uint16", 2, 1, 16},   {Elem::Int32, "int32", 4, 0, 32},
-        {Elem::UInt32, "uint32", 4, 1, 32},   {Elem::Float32, "float32", 4, 2, 32},
-        {Elem::Float64, "float64", 8, 2, 64},
+        {Elem::Bool, "bool", 1, 1, 1, 0, 1},                 {Elem::Int8, "int8", 1, 0, 8, -128, 127},
+        {Elem::UInt8, "uint8", 1, 1, 8, 0, 255},             {Elem::Int16, "int16", 2, 0, 16, -32768, 32767},
+        {Elem::UInt16, "uint16", 2, 1, 16, 0, 65535},        {Elem::Int32, "int32", 4, 0, 32, -2147483648.0, 2147483647.0},
+        {Elem::UInt32, "uint32", 4, 1, 32, 0, 4294967295.0}, {Elem::Float32, "float32", 4, 2, 32, -inf, inf},
+        {Elem::Float64, "float64", 8, 2, 64, -inf, inf},
     };
     return table;
 }
 
-const ElemInfo &element(const std::string &name) {
-    for (const ElemInfo &e : all_elements())
-        if (name == e.name) return e;
-    throw std::invalid_argument(name);
-}
-
-double ElemInfo::lowest() const {
-    if (is_float()) return -std::numeric_limits<double>::infinity();
-    if (elem == Elem::Bool) return 0;
-    return is_signed() ? -std::ldexp(1.0, bits - 1) : 0.0;
-}
-
-double ElemInfo::highest() const {
-    if (is_float()) return std::numeric_limits<double>::infinity();
-    if (elem == Elem::Bool) return 1;
-    return is_signed() ? std::ldexp(1.0, bits - 1) - 1 : std::ldexp(1.0, bits) - 1;
-}
+const ElemInfo &element(const std::string &name) { return by_name(all_elements(), name); }
 
 const std::vector<FilterInfo> &all_filters() {
     static const std::vector<FilterInfo> table = {
@@ -44,21 +39,11 @@ const std::vector<FilterInfo> &all_filters() {
     return table;
 }
 
-const FilterInfo &filter(const std::string &name) {
-    for (const FilterInfo &f : all_filters())
-        if (name == f.name) return f;
-    throw std::invalid_argument(name);
-}
+const FilterInfo &filter(const std::string &name) { return by_name(all_filters(), name); }
 
 const std::vector<std::string> &all_tags() {
     static const std::vector<std::string> tags = {"none", "avx", "avx2"};
     return tags;
-}
-
-std::string target_string(const std::string &tag) {
-    if (tag == "none") return "x86-64-linux-large_buffers-no_runtime";
-    if (tag == "avx") return "x86-64-linux-avx-large_buffers-no_runtime-sse41";
-    return "x86-64-linux-avx-avx2-large_buffers-no_runtime-sse41";
 }
 
 int vector_width(const ElemInfo &e, const std::string &tag) {
@@ -69,14 +54,15 @@ int vector_width(const ElemInfo &e, const std::string &tag) {
 bool cpu_supports(const std::string &tag, std::string *why) {
     __builtin_cpu_init();
     std::string missing;
-    if (tag == "avx" || tag == "avx2") {
-        if (!__builtin_cpu_supports("avx")) missing += " avx";
-        if (!__builtin_cpu_supports("sse4.1")) missing += " sse4.1";
+    const auto need = [&](bool present, const char *feature) { missing += present ? "" : std::string(" ") + feature; };
+    if (tag != "none") {
+        need(__builtin_cpu_supports("avx"), "avx");
+        need(__builtin_cpu_supports("sse4.1"), "sse4.1");
     }
     if (tag == "avx2") {
-        if (!__builtin_cpu_supports("avx2")) missing += " avx2";
-        if (!__builtin_cpu_supports("fma")) missing += " fma";
-        if (!__builtin_cpu_supports("bmi")) missing += " bmi1";
+        need(__builtin_cpu_supports("avx2"), "avx2");
+        need(__builtin_cpu_supports("fma"), "fma");
+        need(__builtin_cpu_supports("bmi"), "bmi1");
     }
     if (why) *why = missing;
     return missing.empty();

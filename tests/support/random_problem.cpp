@@ -1,5 +1,4 @@
-#include "random_problem.h"
-
+#include "harness.h"
 #include "regions.h"
 
 #include <algorithm>
@@ -17,9 +16,10 @@ T one_of(std::mt19937 &rng, const std::vector<T> &values) {
     return values[static_cast<size_t>(pick(rng, 0, static_cast<int>(values.size()) - 1))];
 }
 
+const double inf = std::numeric_limits<double>::infinity(), nan = std::numeric_limits<double>::quiet_NaN();
+
 // A sample value the element type holds, biased to the interesting ones.
 double random_sample(const ElemInfo &e, std::mt19937 &rng) {
-    const double inf = std::numeric_limits<double>::infinity(), nan = std::numeric_limits<double>::quiet_NaN();
     if (e.elem == Elem::Bool) return pick(rng, 0, 1);
     if (e.is_float()) {
         if (pick(rng, 0, 3) == 0) return one_of<double>(rng, {nan, 0.0, -0.0, inf, -inf, 1.5, -1.5, 3e38, -3e38});
@@ -31,7 +31,6 @@ double random_sample(const ElemInfo &e, std::mt19937 &rng) {
 
 // A float64 pad element: in range, out of range, wrapping, infinite or NaN.
 double random_pad(const ElemInfo &e, std::mt19937 &rng) {
-    const double inf = std::numeric_limits<double>::infinity(), nan = std::numeric_limits<double>::quiet_NaN();
     switch (pick(rng, 0, 3)) {
     case 0: return random_sample(e, rng);
     case 1: return one_of<double>(rng, {nan, inf, -inf, 1e300, -1e300, 3e9, -3e9, 1e19, -1e19, 4294967296.0});
@@ -41,9 +40,7 @@ double random_pad(const ElemInfo &e, std::mt19937 &rng) {
     }
 }
 
-}  // namespace
-
-static Problem any_problem(const Variant &v, std::mt19937 &rng) {
+Problem any_problem(const Variant &v, std::mt19937 &rng) {
     const int vw = v.vw();
     Problem p;
     p.elem = v.elem;
@@ -107,9 +104,7 @@ static Problem any_problem(const Variant &v, std::mt19937 &rng) {
     return p;
 }
 
-}  // namespace fmtest
-
-namespace fmtest {
+}  // namespace
 
 Problem random_problem(const Variant &v, std::mt19937 &rng) {
     // A two-stage call whose intermediate has no rows or columns (an empty
@@ -121,6 +116,25 @@ Problem random_problem(const Variant &v, std::mt19937 &rng) {
             intermediate(*v.filter, *v.elem, v.vw(), p.image, p.mask.sx, p.mask.sy, p.output).valid())
             return p;
     }
+}
+
+Problem large_problem(const Variant &v, std::mt19937 &rng) {
+    const ElemInfo &e = *v.elem;
+    Problem p;
+    p.elem = &e;
+    p.filter = v.filter;
+    p.image = {pick(rng, -5, 5), pick(rng, -5, 5), pick(rng, v.vw() + 1, v.vw() + 120), pick(rng, 16, 63)};
+    for (int i = 0; i < p.image.w * p.image.h; i++) {
+        const int r = pick(rng, 0, 99);
+        p.pixels.push_back(e.elem == Elem::Bool ? r % 2 : e.is_float() ? (r - 50) * 0.5 : r);
+    }
+    p.mask.sx = pick(rng, 1, 5);
+    p.mask.sy = pick(rng, 1, 5);
+    for (int i = 0; i < p.mask.sx * p.mask.sy; i++) p.mask.bytes.push_back(pick(rng, 0, 4) ? 1 : 0);
+    p.low_pad = e.lowest();
+    p.high_pad = e.highest();
+    p.output = p.image;
+    return p;
 }
 
 }  // namespace fmtest

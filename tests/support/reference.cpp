@@ -1,6 +1,7 @@
 #include "reference.h"
 
 #include <cmath>
+#include <cstdint>
 #include <functional>
 #include <limits>
 #include <map>
@@ -17,23 +18,13 @@ int se_origin(int extent) {
 }
 
 double convert_pad(const ElemInfo &e, double d) {
-    if (e.elem == Elem::Float64) return d;
-    if (e.elem == Elem::Float32) return static_cast<float>(d);
-    if (e.elem == Elem::UInt32) {
-        const bool fits = d >= -9223372036854775808.0 && d < 9223372036854775808.0;
-        const int64_t wide = fits ? static_cast<int64_t>(d) : std::numeric_limits<int64_t>::min();
-        return static_cast<uint32_t>(wide);
-    }
-    const bool fits = d >= -2147483648.0 && d < 2147483648.0;
-    const int32_t whole = fits ? static_cast<int32_t>(d) : std::numeric_limits<int32_t>::min();
-    switch (e.elem) {
-    case Elem::Bool: return whole & 1;
-    case Elem::Int8: return static_cast<int8_t>(whole);
-    case Elem::UInt8: return static_cast<uint8_t>(whole);
-    case Elem::Int16: return static_cast<int16_t>(whole);
-    case Elem::UInt16: return static_cast<uint16_t>(whole);
-    default: return whole;
-    }
+    if (e.is_float()) return e.elem == Elem::Float32 ? static_cast<float>(d) : d;
+    // A wrapping conversion through int64 (uint32) or int32; out of range gives the lowest value.
+    const double limit = e.elem == Elem::UInt32 ? 9223372036854775808.0 : 2147483648.0;
+    const int64_t lowest = e.elem == Elem::UInt32 ? INT64_MIN : INT32_MIN;
+    const int64_t whole = d >= -limit && d < limit ? static_cast<int64_t>(d) : lowest;
+    if (e.elem == Elem::Bool) return static_cast<double>(whole & 1);
+    return with_sample_type(e, [whole](auto sample) { return double(static_cast<decltype(sample)>(whole)); });
 }
 
 double saturating_difference(const ElemInfo &e, double a, double b) {
