@@ -1,9 +1,4 @@
-// Promise: two-stage. The intermediate of imopen, imclose, imtophat and
-// imbothat is one block of exactly its size plus one element, asked for before
-// any row runs and freed once per call; blocks too large, or coordinates that
-// would pass 2^31, are refused before the block is asked for. (The fuzz corpus
-// replay checks the block on many more shapes, the fault injection test the
-// calls when a block or a row fails.)
+// Promise: two-stage. One block of the intermediate's size plus one element; too large ones refused first.
 #include "support/harness.h"
 #include "support/regions.h"
 #include "support/runtime_log.h"
@@ -44,7 +39,8 @@ struct Allocator {
 // 2^31 (the mask around the output, or the span from image to output), as out
 // of memory; just inside, the call runs (a fitting block the allocator
 // refuses is out of memory too). The huge masks are only claimed by the
-// descriptor: no row ever reads them.
+// descriptor: no row ever reads them. (The fuzz corpus replay checks the
+// block on many more shapes, the fault injection test failing blocks and rows.)
 TEST(TwoStage, RefusedBeforeTheBlock) {
     struct Row {
         const char *filter, *type;

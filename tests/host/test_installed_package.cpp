@@ -1,7 +1,5 @@
-// Promise: hosts. The installed package: `cmake --install` into a fresh
-// prefix gives the library, its headers and the package files, and a project
-// outside this build compiles, links and runs against it through
-// find_package and through pkg-config.
+// Promise: hosts. The installed package serves a consumer through find_package and pkg-config.
+// (One test, left out of the sanitizer run: the consumer is not instrumented.)
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
@@ -31,17 +29,14 @@ testing::AssertionResult runs(const std::string &command) {
     return testing::AssertionFailure() << command << "\n" << output;
 }
 
-TEST(InstalledPackage, ServesFindPackageAndPkgConfig) {
+TEST(InstalledPackage, ConsumerBuildsWithFindPackageAndPkgConfig) {
     const fs::path prefix = kFolder / "prefix", build = kFolder / "consumer-build", program = kFolder / "consumer";
     fs::remove_all(kFolder);
     fs::create_directories(kFolder);
-    ASSERT_TRUE(runs(std::string(FLATMORPH_CMAKE) + " --install " + FLATMORPH_BUILD_DIR + " --prefix " + prefix.string()));
-    for (const char *file : {"lib/libflatmorph.so", "include/flatmorph/flatmorph.h",
-                             "include/flatmorph/HalideRuntime.h", "include/flatmorph/flatmorph_host.h",
-                             "include/flatmorph/flatmorph_cpu.h", "lib/cmake/flatmorph/flatmorphConfig.cmake",
-                             "lib/cmake/flatmorph/flatmorphConfigVersion.cmake", "lib/pkgconfig/flatmorph.pc",
-                             "share/doc/flatmorph/HalideRuntime-LICENSE.txt"})
-        EXPECT_TRUE(fs::is_regular_file(prefix / file)) << file;
+    ASSERT_TRUE(
+        runs(std::string(FLATMORPH_CMAKE) + " --install " + FLATMORPH_BUILD_DIR + " --prefix " + prefix.string()));
+    // The consumer builds below use the rest of the package.
+    EXPECT_TRUE(fs::is_regular_file(prefix / "share/doc/flatmorph/HalideRuntime-LICENSE.txt"));
 
     ASSERT_TRUE(runs(std::string(FLATMORPH_CMAKE) + " -S " + FLATMORPH_CONSUMER_SOURCE + " -B " + build.string() +
                 " -G \"" FLATMORPH_GENERATOR "\" -DCMAKE_BUILD_TYPE=Release -DCMAKE_PREFIX_PATH=" + prefix.string()));

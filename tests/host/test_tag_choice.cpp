@@ -1,7 +1,5 @@
-// The tag choice from processor registers: CPUID leaf-1 ECX, leaf-7 EBX and
-// XCR0 decoded into features and the widest tag, on fed-in register values,
-// and the reading of this machine's registers against the compiler's own test.
-#include "support/elements.h"
+// Promise: hosts. The tag chosen from CPUID and XCR0 values, and this machine's against the compiler's test.
+#include "support/reference.h"
 
 #include <flatmorph_cpu.h>
 
@@ -25,8 +23,6 @@ struct Row {
     const char *missing_for_avx2;
 };
 
-void PrintTo(const Row &row, std::ostream *os) { *os << row.name; }
-
 const Row kRows[] = {
     {"everything", {kLeaf1, kLeaf7, kOsState}, Tag::avx2, ""},
     {"avx512_state_as_well", {kLeaf1, kLeaf7, kOsState | kAvx512State}, Tag::avx2, ""},
@@ -43,17 +39,14 @@ const Row kRows[] = {
     {"without_avx", {kLeaf1 & ~kAvx, kLeaf7, kOsState}, Tag::none, "avx"},
 };
 
-class TagChoice : public testing::TestWithParam<Row> {};
-
-TEST_P(TagChoice, PicksTheWidestTagAndNamesWhatAvx2Lacks) {
-    const flatmorph::CpuFeatures cpu = flatmorph::decode_cpu_features(GetParam().registers);
-    EXPECT_EQ(flatmorph::best_tag(cpu), GetParam().best);
-    EXPECT_EQ(flatmorph::missing_features(Tag::avx2, cpu), GetParam().missing_for_avx2);
-    EXPECT_EQ(flatmorph::missing_features(Tag::none, cpu), "");
+TEST(TagChoice, PicksTheWidestTagAndNamesWhatAvx2Lacks) {
+    for (const Row &row : kRows) {
+        const flatmorph::CpuFeatures cpu = flatmorph::decode_cpu_features(row.registers);
+        EXPECT_EQ(flatmorph::best_tag(cpu), row.best) << row.name;
+        EXPECT_EQ(flatmorph::missing_features(Tag::avx2, cpu), row.missing_for_avx2) << row.name;
+        EXPECT_EQ(flatmorph::missing_features(Tag::none, cpu), "") << row.name;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Registers, TagChoice, testing::ValuesIn(kRows),
-                         [](const testing::TestParamInfo<Row> &info) { return info.param.name; });
 
 // GCC's __builtin_cpu_supports reads the same CPUID bits and XCR0.
 TEST(ThisProcessor, AgreesWithTheCompilersProcessorTest) {

@@ -1,9 +1,4 @@
-// Promise: reliability (large intermediates). Two-stage calls whose
-// intermediate is large enough (4 MiB and up) for the runtime's default
-// allocator to map it and keep the last one for the next call: the results
-// equal those of the same filter computed in strips (small intermediates,
-// from the heap), when blocks of different sizes follow one another, and when
-// two host threads make such calls at the same time.
+// Promise: reliability (large intermediates). Mapped and reused blocks give the results of small ones.
 #include <flatmorph_host.h>
 #include <gtest/gtest.h>
 
@@ -18,6 +13,8 @@ namespace {
 
 const uint8_t kDisk5[25] = {0, 1, 1, 1, 0, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 0, 1, 1, 1, 0};
 
+// Intermediates of 4 MiB and up come from blocks the runtime's default
+// allocator maps itself and keeps, the last one, for the next call.
 // A random image of width x height filtered in strips of `strip_rows` output
 // rows, one call each with an intermediate of about the strip's size (all
 // rows: one call with the image's).

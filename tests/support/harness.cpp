@@ -50,14 +50,10 @@ uint64_t TestBuffer::bits(int x, int y) const {
 }
 
 bool TestBuffer::outside_untouched() const {
-    std::vector<bool> inside(storage_.size(), false);
-    for (int y = dims_[1].min; y < dims_[1].min + dims_[1].extent; y++) {
-        const size_t row = offset(dims_[0].min, y);
-        std::fill(inside.begin() + row, inside.begin() + row + static_cast<size_t>(dims_[0].extent) * elem_.bytes, true);
-    }
-    for (size_t i = 0; i < storage_.size(); i++)
-        if (!inside[i] && storage_[i] != kFill) return false;
-    return true;
+    std::vector<uint8_t> outside = storage_;
+    for (int y = dims_[1].min; y < dims_[1].min + dims_[1].extent; y++)
+        std::fill_n(outside.begin() + offset(dims_[0].min, y), static_cast<size_t>(dims_[0].extent) * elem_.bytes, kFill);
+    return std::all_of(outside.begin(), outside.end(), [](uint8_t b) { return b == kFill; });
 }
 
 std::vector<Variant> all_variants() {

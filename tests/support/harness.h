@@ -78,10 +78,6 @@ Entry entry(const Variant &v);
 // image widths around the vector width, masks larger than the image, non-zero
 // mins, outputs beyond the image (where the filter allows), hostile samples and pads.
 Problem random_problem(const Variant &v, std::mt19937 &rng);
-// A valid call on the wide path, many rows high so that its rows spread over
-// the worker threads, small enough for the reference model: the output is the
-// image's own region, the pads are the identities.
-Problem large_problem(const Variant &v, std::mt19937 &rng);
 
 // The four buffers of a call built from a problem: the image filled with its
 // samples (half of a bool image's bytes with bits besides bit 0), minmax

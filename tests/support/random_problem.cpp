@@ -118,23 +118,4 @@ Problem random_problem(const Variant &v, std::mt19937 &rng) {
     }
 }
 
-Problem large_problem(const Variant &v, std::mt19937 &rng) {
-    const ElemInfo &e = *v.elem;
-    Problem p;
-    p.elem = &e;
-    p.filter = v.filter;
-    p.image = {pick(rng, -5, 5), pick(rng, -5, 5), pick(rng, v.vw() + 1, v.vw() + 120), pick(rng, 16, 63)};
-    for (int i = 0; i < p.image.w * p.image.h; i++) {
-        const int r = pick(rng, 0, 99);
-        p.pixels.push_back(e.elem == Elem::Bool ? r % 2 : e.is_float() ? (r - 50) * 0.5 : r);
-    }
-    p.mask.sx = pick(rng, 1, 5);
-    p.mask.sy = pick(rng, 1, 5);
-    for (int i = 0; i < p.mask.sx * p.mask.sy; i++) p.mask.bytes.push_back(pick(rng, 0, 4) ? 1 : 0);
-    p.low_pad = e.lowest();
-    p.high_pad = e.highest();
-    p.output = p.image;
-    return p;
-}
-
 }  // namespace fmtest

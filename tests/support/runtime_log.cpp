@@ -22,11 +22,9 @@ const bool handler_installed = (halide_set_error_handler([](void *, const char *
 template <typename... Args>
 std::string format_call(const char *name, Args... args) {
     std::ostringstream out;
-    out << name << "(";
     const char *sep = "";
     ((out << sep << args, sep = ", "), ...);
-    out << ")";
-    return out.str();
+    return std::string(name) + "(" + out.str() + ")";
 }
 
 }  // namespace
