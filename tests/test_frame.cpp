@@ -23,7 +23,7 @@ struct FrameCall : Call {
 };
 
 // The expected error call, "" for a call that runs; {out} stands for the
-// output's name and {OUT} for its label. Types are packed code | bits << 8 |
+// output's name. Types are packed code | bits << 8 |
 // lanes << 16: uint8 67585, uint16 69633, int8 67584, float32 73730, float64 81922.
 struct BadCall {
     const char *what;
@@ -45,13 +45,13 @@ const BadCall kBadCalls[] = {
     {"image and output null", [](FrameCall &c) { c.args[0] = c.args[3] = nullptr; }, -12,
      [](const FilterInfo &f) { return output_first(f) ? "halide_error_buffer_argument_is_null(keyimForType)" : "halide_error_buffer_argument_is_null({out})"; }},
     {"image and output types wrong: buffer order", [](FrameCall &c) { c.output->raw()->type = kUInt16; c.image->raw()->type = kInt8; },
-     -3, [](const FilterInfo &f) { return output_first(f) ? "halide_error_bad_type({OUT}, 69633, 67585)" : "halide_error_bad_type(Input buffer keyimForType, 67584, 67585)"; }},
+     -3, [](const FilterInfo &f) { return output_first(f) ? "halide_error_bad_type(Output buffer {out}, 69633, 67585)" : "halide_error_bad_type(Input buffer keyimForType, 67584, 67585)"; }},
     {"minmax float32", [](FrameCall &c) { c.minmax->raw()->type = kFloat32; }, -3,
      [](const FilterInfo &) { return "halide_error_bad_type(Input buffer minmax, 73730, 81922)"; }},
     {"a type before a region", [](FrameCall &c) { c.strel->raw()->type = kInt8; c.image->dim(1).extent = -3; }, -3,
      [](const FilterInfo &) { return "halide_error_bad_type(Input buffer strel, 67584, 67585)"; }},
     {"output extent 1 negative", [](FrameCall &c) { c.output->dim(1).extent = -2; }, -28,
-     [](const FilterInfo &) { return "halide_error_buffer_extents_negative({OUT}, 1, -2)"; }},
+     [](const FilterInfo &) { return "halide_error_buffer_extents_negative(Output buffer {out}, 1, -2)"; }},
     // The residual filters also require the output's own columns and rows of the image.
     {"image extent 0 of 0 at -5: a region error", [](FrameCall &c) { c.image->dim(0).min = -5; c.image->dim(0).extent = 0; }, -4,
      [](const FilterInfo &f) { return f.residual() ? "halide_error_access_out_of_bounds(Input buffer keyimForType, 0, -5, 7, -5, -6)" : "halide_error_access_out_of_bounds(Input buffer keyimForType, 0, -5, -5, -5, -6)"; }},
@@ -62,7 +62,7 @@ const BadCall kBadCalls[] = {
     // A wide image (more columns than a uint8 vector of 16) needs a whole tile of output.
     {"a wide image and a narrower output", [](FrameCall &c) { c.image->dim(0).extent = 17; }, -4, [](const FilterInfo &f) {
          return f.filter == Filter::TopHat ? "halide_error_access_out_of_bounds(Input buffer keyimForType, 0, -8, 9, 0, 16)"
-                                           : "halide_error_access_out_of_bounds({OUT}, 0, -8, 7, 0, 7)";
+                                           : "halide_error_access_out_of_bounds(Output buffer {out}, 0, -8, 7, 0, 7)";
      }},
     {"minmax holds column 0 only", [](FrameCall &c) { c.minmax->dim(0).extent = 1; }, -4, [](const FilterInfo &f) {
          return f.filter == Filter::Erode ? "halide_error_access_out_of_bounds(Input buffer minmax, 0, 1, 1, 0, 0)"
@@ -74,8 +74,6 @@ const BadCall kBadCalls[] = {
      [](const FilterInfo &) { return "halide_error_access_out_of_bounds(Input buffer minmax, 1, 0, 0, 0, -1)"; }},
     {"strel min 1", [](FrameCall &c) { c.strel->dim(0).min = 1; }, -4,
      [](const FilterInfo &) { return "halide_error_access_out_of_bounds(Input buffer strel, 0, 0, 2, 1, 3)"; }},
-    {"strel extent -1", [](FrameCall &c) { c.strel->dim(0).extent = -1; }, -28,
-     [](const FilterInfo &) { return "halide_error_buffer_extents_negative(Input buffer strel, 0, -1)"; }},
     {"a region before a stride", [](FrameCall &c) { c.output->dim(0).stride = 2; c.strel->dim(1).min = -1; }, -4,
      [](const FilterInfo &) { return "halide_error_access_out_of_bounds(Input buffer strel, 1, 0, 2, -1, 1)"; }},
     {"output stride 2", [](FrameCall &c) { c.output->dim(0).stride = 2; }, -8,
@@ -83,7 +81,7 @@ const BadCall kBadCalls[] = {
     {"strel stride 2 and image stride 3: buffer order", [](FrameCall &c) { c.strel->dim(0).stride = 2; c.image->dim(0).stride = 3; },
      -8, [](const FilterInfo &) { return "halide_error_constraint_violated(keyimForType.stride.0, 3, 1, 1)"; }},
     {"null output host with a device handle", [](FrameCall &c) { c.output->raw()->host = nullptr; c.output->raw()->device = 1; },
-     -34, [](const FilterInfo &) { return "halide_error_host_is_null({OUT})"; }},
+     -34, [](const FilterInfo &) { return "halide_error_host_is_null(Output buffer {out})"; }},
     {"dimensions 1 and 5, device dirty: not read", [](FrameCall &c) {
          c.image->raw()->dimensions = 1;
          c.output->raw()->dimensions = 5;
@@ -94,9 +92,7 @@ const BadCall kBadCalls[] = {
 };
 
 std::string with_names(std::string s, const FilterInfo &f) {
-    for (const auto &[key, value] : {std::pair<std::string, std::string>{"{out}", f.output},
-                                     {"{OUT}", std::string("Output buffer ") + f.output}})
-        for (size_t at; (at = s.find(key)) != std::string::npos;) s.replace(at, key.size(), value);
+    for (size_t at; (at = s.find("{out}")) != std::string::npos;) s.replace(at, 5, f.output);
     return s;
 }
 
@@ -126,7 +122,6 @@ TEST_P(FrameTable, RefusesInOrderAndWritesNothing) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(AllFilters, FrameTable, testing::ValuesIn(all_filters()),
-                         [](const testing::TestParamInfo<FilterInfo> &info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(AllFilters, FrameTable, testing::ValuesIn(all_filters()), testing::PrintToStringParamName());
 
 }  // namespace

@@ -31,12 +31,9 @@ struct Query {
 // The descriptor holds exactly `region`, dense, and nothing else changed.
 std::string answer_differs(TestBuffer &b, const Interval (&region)[2], halide_type_t type) {
     const halide_buffer_t *r = b.raw();
-    const std::string got = std::to_string(r->dim[0].min) + ", " + std::to_string(r->dim[0].extent) + ", " +
-                            std::to_string(r->dim[1].min) + ", " + std::to_string(r->dim[1].extent) + ", stride " +
-                            std::to_string(r->dim[1].stride);
-    const std::string want = std::to_string(region[0].min) + ", " + std::to_string(region[0].extent) + ", " +
-                             std::to_string(region[1].min) + ", " + std::to_string(region[1].extent) + ", stride " +
-                             std::to_string(region[0].extent);
+    const auto text = [](auto... numbers) { return ((std::to_string(numbers) + " ") + ...); };
+    const std::string got = text(r->dim[0].min, r->dim[0].extent, r->dim[1].min, r->dim[1].extent, r->dim[1].stride);
+    const std::string want = text(region[0].min, region[0].extent, region[1].min, region[1].extent, region[0].extent);
     const bool rest_same = !r->host && r->device == 0 && !r->device_interface && r->flags == 0 && r->dimensions == 2 &&
                            r->type == type && r->dim[0].stride == 1;
     return got == want && rest_same ? "" : "answered " + got + ", want " + want;
@@ -65,8 +62,7 @@ TEST_P(QuerySweep, MatchesRegionModel) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(AllVariants, QuerySweep, testing::ValuesIn(all_variants()),
-                         [](const testing::TestParamInfo<Variant> &info) { return info.param.name(); });
+INSTANTIATE_TEST_SUITE_P(AllVariants, QuerySweep, testing::ValuesIn(all_variants()), testing::PrintToStringParamName());
 
 // Worked examples, in the model and in the library: the image's region and
 // the output's columns (a wide image needs one whole tile of output; above

@@ -14,20 +14,14 @@ using namespace fmtest;
 
 namespace {
 
-// name -> type letter of each symbol `nm <flags>` lists for the library: its
-// lines read "address type name", or "type name" when undefined.
+// name -> type letter of each symbol `nm -P <flags>` lists for the library.
 std::map<std::string, char> symbols(const std::string &flags) {
     std::map<std::string, char> out;
-    FILE *pipe = popen((std::string(FLATMORPH_NM) + " " + flags + " " + FLATMORPH_LIBRARY).c_str(), "r");
+    FILE *pipe = popen((std::string(FLATMORPH_NM) + " -P " + flags + " " + FLATMORPH_LIBRARY).c_str(), "r");
     std::array<char, 4096> line;
-    while (pipe && fgets(line.data(), line.size(), pipe)) {
-        std::istringstream in(line.data());
-        std::string a, b, c;
-        in >> a >> b >> c;
-        if (c.empty())
-            out[b] = a[0];
-        else
-            out[c] = b[0];
+    for (std::string name, type; pipe && fgets(line.data(), line.size(), pipe);) {
+        std::istringstream(line.data()) >> name >> type;
+        out[name] = type[0];
     }
     if (pipe) pclose(pipe);
     return out;
@@ -70,8 +64,6 @@ TEST(Surface, SymbolTable) {
     EXPECT_NE(exported("__wrap_memcpy"), nullptr);
 }
 
-// --- Metadata and the argument-array entry --------------------------------
-
 TEST(Metadata, EveryVariantDescribesItself) {
     const std::map<std::string, std::string> targets = {
         {"none", "x86-64-linux-large_buffers-no_runtime"},
@@ -106,8 +98,8 @@ TEST(Metadata, ArgvForwardsToTheEntry) {
         SCOPED_TRACE(v.name());
         auto argv = reinterpret_cast<int (*)(void **)>(exported(v.name() + "_argv"));
         ASSERT_NE(argv, nullptr);
-        Problem p{v.elem, v.filter, {0, 0, 5, 4}, {}, 0, 0, {3, 1, {1, 1, 1}}, {0, 0, 5, 4}};
-        for (int i = 0; i < 20; i++) p.pixels.push_back(i % 2);
+        const Problem p{v.elem, v.filter, {0, 0, 5, 4}, {0, 1, 0, 1, 1, 0, 0, 1, 0, 1, 1, 0, 1, 1, 1, 0, 0, 0, 1, 0},
+                        0, 0, {3, 1, {1, 1, 1}}, {0, 0, 5, 4}};
         Call direct(p), through_array(p);
         ASSERT_EQ(direct.run(entry(v)), 0);
         void *args[4] = {through_array.image->raw(), through_array.minmax->raw(), through_array.strel->raw(),

@@ -11,8 +11,7 @@ using namespace fmtest;
 
 namespace {
 
-// A host's allocator for its lifetime, logging each call; it refuses blocks
-// above 1 TiB.
+// A host's allocator for its lifetime: logs each call, refuses above 1 TiB.
 struct Allocator {
     static inline std::vector<uint64_t> sizes;
     const halide_malloc_t previous_malloc = halide_set_custom_malloc([](void *, size_t size) {
@@ -36,11 +35,10 @@ struct Allocator {
 
 // Refused before any block is asked for: a block above 2^63 - 1 bytes (also
 // when its exact size does not fit 64 bits), and coordinates that would pass
-// 2^31 (the mask around the output, or the span from image to output), as out
-// of memory; just inside, the call runs (a fitting block the allocator
+// 2^31 (mask around the output, or image to output) as out of memory; just
+// inside, the call runs and asks for its exact block (one the allocator
 // refuses is out of memory too). The huge masks are only claimed by the
-// descriptor: no row ever reads them. (The fuzz corpus replay checks the
-// block on many more shapes, the fault injection test failing blocks and rows.)
+// descriptor. The fuzz corpus replay checks the block on many more shapes.
 TEST(TwoStage, RefusedBeforeTheBlock) {
     struct Row {
         const char *filter, *type;

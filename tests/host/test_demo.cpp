@@ -82,19 +82,13 @@ TEST_P(DemoRuns, WriteEveryFilterAndReportItsSpeed) {
     const GoodRun &r = GetParam();
     std::string why;
     if (*r.tag && !fmtest::cpu_supports(r.tag, &why)) GTEST_SKIP() << "this CPU lacks" << why << " for tag " << r.tag;
-    const std::string tag = *r.tag ? r.tag : fmtest::cpu_supports("avx2") ? "avx2" : fmtest::cpu_supports("avx") ? "avx" : "none";
+    const std::string widest = fmtest::cpu_supports("avx2") ? "avx2" : fmtest::cpu_supports("avx") ? "avx" : "none";
+    const std::string tag = *r.tag ? r.tag : widest;
     const DemoRun run = run_demo(std::string(*r.input ? "--input {dir}/" : "") + r.input + " " + r.arguments +
                                  " --output {dir}/out");
     const fs::path out_folder = run.folder / "out";
     ASSERT_EQ(run.exit_code, 0) << run.err;
     EXPECT_EQ(run.err, "");
-
-    for (const char *filter : kFilters) {
-        const std::regex row(std::string("\n") + filter + " +" + tag + " +" + r.type + " +([0-9.e+-]+)\n");
-        std::smatch speed;
-        ASSERT_TRUE(std::regex_search(run.out, speed, row)) << filter << " missing from\n" << run.out;
-        EXPECT_GT(std::stod(speed[1]), 0) << filter;
-    }
 
     const cv::Mat input = read_image(out_folder / "input.png");
     ASSERT_EQ(input.size(), cv::Size(r.width, r.height));
@@ -103,10 +97,14 @@ TEST_P(DemoRuns, WriteEveryFilterAndReportItsSpeed) {
         const cv::Mat as_read = cv::imread((run.folder / r.input).string(), cv::IMREAD_GRAYSCALE | cv::IMREAD_ANYDEPTH);
         EXPECT_EQ(cv::norm(input, as_read, cv::NORM_INF), 0) << "input.png is not the input in grey";
     }
-    std::map<std::string, cv::Mat> out;
+    std::map<std::string, cv::Mat> out;  // each filter's file, and its line with megapixels per second
     for (const char *filter : kFilters) {
         out[filter] = read_image(out_folder / (std::string(filter) + ".png"));
         ASSERT_TRUE(out[filter].size() == input.size() && out[filter].type() == input.type()) << filter;
+        const std::regex row(std::string("\n") + filter + " +" + tag + " +" + r.type + " +([0-9.e+-]+)\n");
+        std::smatch speed;
+        ASSERT_TRUE(std::regex_search(run.out, speed, row)) << filter << " missing from\n" << run.out;
+        EXPECT_GT(std::stod(speed[1]), 0) << filter;
     }
     // Dilation and closing lie above the image, erosion and opening below;
     // the residuals are exact differences; OpenCV's filters are the reference
@@ -120,8 +118,7 @@ TEST_P(DemoRuns, WriteEveryFilterAndReportItsSpeed) {
         cv::Mat dilated, eroded;
         cv::dilate(input, dilated, cv::Mat::ones(r.rectangle, CV_8U));
         cv::erode(input, eroded, cv::Mat::ones(r.rectangle, CV_8U));
-        EXPECT_EQ(cv::norm(out["imdilate"], dilated, cv::NORM_INF), 0);
-        EXPECT_EQ(cv::norm(out["imerode"], eroded, cv::NORM_INF), 0);
+        EXPECT_EQ(cv::norm(out["imdilate"], dilated, cv::NORM_INF) + cv::norm(out["imerode"], eroded, cv::NORM_INF), 0);
     }
 
     const cv::Mat sheet = read_image(out_folder / "contact-sheet.png");
@@ -150,7 +147,6 @@ TEST(DemoBadInput, EndsWithOneLineErrorAndNoOutput) {
         {"--input {dir}/float32.tif", "neither 8 nor 16 bits"},
         {"--width 12 --height 10 --size 15", "larger than the 12x10 image"},
         {"--colour red", "--colour"},
-        {"--tag sse9", "sse9"},
         {"--repeat often", "often"},
         {"--width 64 --height 48 --output {dir}/grey8.pgm/out", "cannot create output folder"},
     };

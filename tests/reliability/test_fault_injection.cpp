@@ -71,8 +71,8 @@ TEST(Dispatch, RangesAndStatus) {
     }
 }
 
-// What the hooks do during one call, and what they saw. Rows run on many
-// threads, so whether a row fails is a hash of (call, loop, row), not a draw.
+// What the hooks do during one call and what they saw; rows run on many
+// threads, so whether one fails is a hash of (call, loop, row), not a draw.
 struct Faults {
     bool refuse_allocation = false;
     uint32_t row_failure_per_mille = 0;
@@ -169,12 +169,9 @@ std::string judge(const Variant &v, const Problem &p, int status, const Call &ca
     }
     std::set<int> first_stage_statuses, output_statuses, failed_output_rows;
     for (const auto &f : faults.failed_rows) {
-        if (f.loop != (two_stage ? 2 : 1)) {
-            first_stage_statuses.insert(f.status);
-            continue;
-        }
-        output_statuses.insert(f.status);
-        failed_output_rows.insert(f.row);
+        const bool output_loop = f.loop == (two_stage ? 2 : 1);
+        (output_loop ? output_statuses : first_stage_statuses).insert(f.status);
+        if (output_loop) failed_output_rows.insert(f.row);
     }
     if (!first_stage_statuses.empty()) {
         if (!first_stage_statuses.count(status) || faults.loops != 1) return "first stage failure not reported at once";

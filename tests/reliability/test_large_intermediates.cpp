@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <random>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 using namespace flatmorph;
@@ -35,17 +36,12 @@ std::vector<T> filtered(Filter filter, int width, int height, int strip_rows) {
 // makes the kept block one step too small, big enough, or more than twice
 // too big for the next request; float32 ones of 9 MB.
 TEST(LargeIntermediates, EqualTheFilterComputedInStrips) {
-    struct Case {
-        Filter filter;
-        int width, height;
-    };
-    const Case cases[] = {{Filter::open, 2600, 2600},   {Filter::close, 3000, 3000}, {Filter::tophat, 2600, 2600},
-                          {Filter::bothat, 2000, 3000}, {Filter::open, 4400, 4400},  {Filter::tophat, 2200, 2200}};
-    for (const Case &c : cases) {
-        SCOPED_TRACE(std::string(filter_name(c.filter)) + " " + std::to_string(c.width) + "x" + std::to_string(c.height));
-        EXPECT_TRUE(filtered<uint8_t>(c.filter, c.width, c.height, c.height) ==
-                    filtered<uint8_t>(c.filter, c.width, c.height, 200));
-    }
+    const std::tuple<Filter, int, int> cases[] = {{Filter::open, 2600, 2600},   {Filter::close, 3000, 3000},
+                                                  {Filter::tophat, 2600, 2600}, {Filter::bothat, 2000, 3000},
+                                                  {Filter::open, 4400, 4400},   {Filter::tophat, 2200, 2200}};
+    for (const auto &[filter, width, height] : cases)
+        EXPECT_TRUE(filtered<uint8_t>(filter, width, height, height) == filtered<uint8_t>(filter, width, height, 200))
+            << filter_name(filter) << " " << width << "x" << height;
     for (Filter f : {Filter::open, Filter::close})
         EXPECT_TRUE(filtered<float>(f, 1500, 1500, 1500) == filtered<float>(f, 1500, 1500, 200)) << filter_name(f);
 }

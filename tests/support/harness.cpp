@@ -81,13 +81,13 @@ Call::Call(const Problem &p) {
     for (int y = 0; y < p.image.h; y++)
         for (int x = 0; x < p.image.w; x++) {
             const double v = p.pixels[static_cast<size_t>(y) * p.image.w + x];
-            image->set(p.image.x0 + x, p.image.y0 + y, v);
+            image->set_bits(p.image.x0 + x, p.image.y0 + y, encode(e, v));
             // A bool is bit 0 of its byte: half of them carry other bits too.
             if (e.elem == Elem::Bool && (x + y) % 2) image->set_bits(p.image.x0 + x, p.image.y0 + y, v ? 0xFF : 0x02);
         }
     minmax = std::make_unique<TestBuffer>(element("float64"), 0, 2, 0, 1);
-    minmax->set(0, 0, p.low_pad);
-    minmax->set(1, 0, p.high_pad);
+    minmax->set_bits(0, 0, encode(element("float64"), p.low_pad));
+    minmax->set_bits(1, 0, encode(element("float64"), p.high_pad));
     // The mask's row gap holds bytes of 1, which would count as active if the stride were misread.
     strel = std::make_unique<TestBuffer>(element("uint8"), 0, p.mask.sx, 0, p.mask.sy, p.mask.sx + 1);
     for (int j = 0; j < p.mask.sy; j++) {
@@ -116,7 +116,13 @@ std::string differences_from_reference(const Problem &p, const TestBuffer &outpu
 std::string check_against_reference(const Variant &v, const Problem &p) {
     Call call(p);
     const int status = call.run(entry(v));
-    return status ? v.name() + " returned " + std::to_string(status) : differences_from_reference(p, *call.output);
+    const std::string why = status ? "returned " + std::to_string(status) : differences_from_reference(p, *call.output);
+    if (why.empty()) return why;
+    std::ostringstream s;
+    s << v.name() << ": " << why << " on image " << p.image.w << "x" << p.image.h << " at (" << p.image.x0 << ", "
+      << p.image.y0 << "), mask " << p.mask.sx << "x" << p.mask.sy << ", output " << p.output.w << "x" << p.output.h
+      << " at (" << p.output.x0 << ", " << p.output.y0 << "), pads " << p.low_pad << " / " << p.high_pad;
+    return s.str();
 }
 
 }  // namespace fmtest

@@ -36,8 +36,7 @@ public:
     halide_buffer_t *raw() { return &buf_; }
     halide_dimension_t &dim(int d) { return dims_[d]; }
 
-    void set(int x, int y, double value) { set_bits(x, y, encode(elem_, value)); }
-    void set_bits(int x, int y, uint64_t bits);  // stores raw bits (bool: any byte)
+    void set_bits(int x, int y, uint64_t bits);  // stores raw bits (see encode; bool: any byte)
     uint64_t bits(int x, int y) const;           // raw bits of the element
 
     std::vector<uint8_t> snapshot() const { return storage_; }  // every byte, guards included
@@ -63,7 +62,6 @@ struct Variant {
     int vw() const { return vector_width(*elem, tag); }
 };
 
-// Test output names a variant by its exported name.
 inline void PrintTo(const Variant &v, std::ostream *os) { *os << v.name(); }
 
 std::vector<Variant> all_variants();
@@ -74,9 +72,9 @@ std::vector<Variant> runnable_variants();
 void *exported(const std::string &name);
 Entry entry(const Variant &v);
 
-// Seeded random problems that a variant must accept (random_problem.cpp):
-// image widths around the vector width, masks larger than the image, non-zero
-// mins, outputs beyond the image (where the filter allows), hostile samples and pads.
+// A seeded random problem the variant must accept (random_problem.cpp): widths
+// around the vector width, masks larger than the image, non-zero mins, outputs
+// beyond the image (where the filter allows), hostile samples and pads.
 Problem random_problem(const Variant &v, std::mt19937 &rng);
 
 // The four buffers of a call built from a problem: the image filled with its
@@ -88,10 +86,10 @@ struct Call {
     int run(Entry e) { return e(image->raw(), minmax->raw(), strel->raw(), output->raw()); }
 };
 
-// A description of the first output samples that differ from the reference
-// model's and of any write outside the output region, or an empty string.
+// The first output samples that differ from the reference model's and any
+// write outside the output region, or an empty string.
 std::string differences_from_reference(const Problem &p, const TestBuffer &output);
-// Runs `p` through `v`: its failure or differences, or an empty string.
+// Runs `p` through `v`: its failure or differences and the problem, or an empty string.
 std::string check_against_reference(const Variant &v, const Problem &p);
 
 }  // namespace fmtest

@@ -40,7 +40,12 @@ double random_pad(const ElemInfo &e, std::mt19937 &rng) {
     }
 }
 
-Problem any_problem(const Variant &v, std::mt19937 &rng) {
+}  // namespace
+
+// A two-stage call whose intermediate has no rows or columns (an empty mask
+// with an empty output) asks for an impossible block and fails: the two-stage
+// tests cover that; the sweep wants calls that run, so it draws again.
+Problem random_problem(const Variant &v, std::mt19937 &rng) {
     const int vw = v.vw();
     Problem p;
     p.elem = v.elem;
@@ -101,21 +106,8 @@ Problem any_problem(const Variant &v, std::mt19937 &rng) {
             p.output.y0 = p.image.y0;
         }
     }
-    return p;
-}
-
-}  // namespace
-
-Problem random_problem(const Variant &v, std::mt19937 &rng) {
-    // A two-stage call whose intermediate has no rows or columns (an empty
-    // mask with an empty output) asks for an impossible block and fails: the
-    // two-stage tests cover that; the sweep wants calls that run.
-    for (;;) {
-        Problem p = any_problem(v, rng);
-        if (!v.filter->two_stage() ||
-            intermediate(*v.filter, *v.elem, v.vw(), p.image, p.mask.sx, p.mask.sy, p.output).valid())
-            return p;
-    }
+    const Intermediate m = intermediate(*v.filter, *v.elem, vw, p.image, p.mask.sx, p.mask.sy, p.output);
+    return v.filter->two_stage() && !m.valid() ? random_problem(v, rng) : p;
 }
 
 }  // namespace fmtest

@@ -58,17 +58,15 @@ int vector_width(const ElemInfo &e, const std::string &tag) {
 
 bool cpu_supports(const std::string &tag, std::string *why) {
     __builtin_cpu_init();
+    // What tag avx needs, then what avx2 needs beside it.
+    const std::pair<const char *, bool> features[] = {{"avx", __builtin_cpu_supports("avx")},
+                                                      {"sse4.1", __builtin_cpu_supports("sse4.1")},
+                                                      {"avx2", __builtin_cpu_supports("avx2")},
+                                                      {"fma", __builtin_cpu_supports("fma")},
+                                                      {"bmi1", __builtin_cpu_supports("bmi")}};
     std::string missing;
-    const auto need = [&](bool present, const char *feature) { missing += present ? "" : std::string(" ") + feature; };
-    if (tag != "none") {
-        need(__builtin_cpu_supports("avx"), "avx");
-        need(__builtin_cpu_supports("sse4.1"), "sse4.1");
-    }
-    if (tag == "avx2") {
-        need(__builtin_cpu_supports("avx2"), "avx2");
-        need(__builtin_cpu_supports("fma"), "fma");
-        need(__builtin_cpu_supports("bmi"), "bmi1");
-    }
+    for (int i = 0; i < (tag == "avx2" ? 5 : tag == "avx" ? 2 : 0); i++)
+        if (!features[i].second) missing += std::string(" ") + features[i].first;
     if (why) *why = missing;
     return missing.empty();
 }

@@ -1,7 +1,6 @@
-// The test suite's own tables of element types, tags and filters (what a host
-// knows from the library's documentation), and an independent scalar model of
-// what every output sample of every filter is: slow, direct, and written from
-// the definitions, never from the pipelines.
+// The suite's own tables of element types, tags and filters (as a host knows
+// them from the documentation) and an independent scalar model of every output
+// sample of every filter: slow, direct, written from the definitions alone.
 #pragma once
 
 #include <HalideRuntime.h>
