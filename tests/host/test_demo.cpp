@@ -67,6 +67,8 @@ struct GoodRun {
     cv::Size rectangle;  // the mask if it is one, else empty
 };
 
+void PrintTo(const GoodRun &r, std::ostream *os) { *os << r.name; }
+
 const GoodRun kGoodRuns[] = {
     {"BuiltInImage", "--width 160 --height 120 --repeat 1", "", "uint8", "", 160, 120, CV_8U, {}},
     {"SixteenBitTiffWithASquare", "--mask square --size 5", "grey16.tif", "uint16", "", 70, 50, CV_16U, {5, 5}},

@@ -2,9 +2,7 @@
 // and calls of a variant checked against the reference model.
 #pragma once
 
-#include "reference.h"
-
-#include <HalideRuntime.h>
+#include "reference.h"  // with HalideRuntime.h
 
 #include <cstdint>
 #include <memory>
