@@ -10,8 +10,6 @@ set(FLATMORPH_FRAME_CHECK_SOURCES
   ${_root}/fuzz/promises.cpp
   ${_root}/fuzz/frame_model.cpp
   ${_root}/fuzz/guarded_memory.cpp
-  ${_root}/tests/support/buffers.cpp
-  ${_root}/tests/support/elements.cpp
   ${_root}/tests/support/harness.cpp
   ${_root}/tests/support/reference.cpp
   ${_root}/tests/support/regions.cpp

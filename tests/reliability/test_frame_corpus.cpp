@@ -1,6 +1,4 @@
-// Promise: reliability (hostile input). The frame fuzzer's checked-in corpus,
-// replayed through the same checks in every build: each input is one call
-// that must keep the promises listed in fuzz/frame_case.h.
+// Promise: reliability (hostile input). The frame fuzzer's corpus keeps the promises of fuzz/frame_case.h.
 #include "frame_case.h"
 
 #include <gtest/gtest.h>

@@ -1,39 +1,89 @@
 #include "reference.h"
 
 #include <cmath>
+#include <cstdint>
 #include <functional>
 #include <limits>
 #include <map>
 #include <memory>
+#include <stdexcept>
 
 namespace fmtest {
 
+namespace {
+
+template <typename Row>
+const Row &by_name(const std::vector<Row> &rows, const std::string &name) {
+    for (const Row &r : rows)
+        if (name == r.name) return r;
+    throw std::invalid_argument(name);
+}
+
+}  // namespace
+
+const std::vector<ElemInfo> &all_elements() {
+    const double inf = std::numeric_limits<double>::infinity();
+    static const std::vector<ElemInfo> table = {
+        {Elem::Bool, "bool", 1, 1, 1, 0, 1},                 {Elem::Int8, "int8", 1, 0, 8, -128, 127},
+        {Elem::UInt8, "uint8", 1, 1, 8, 0, 255},             {Elem::Int16, "int16", 2, 0, 16, -32768, 32767},
+        {Elem::UInt16, "uint16", 2, 1, 16, 0, 65535},        {Elem::Int32, "int32", 4, 0, 32, -2147483648.0, 2147483647.0},
+        {Elem::UInt32, "uint32", 4, 1, 32, 0, 4294967295.0}, {Elem::Float32, "float32", 4, 2, 32, -inf, inf},
+        {Elem::Float64, "float64", 8, 2, 64, -inf, inf},
+    };
+    return table;
+}
+
+const ElemInfo &element(const std::string &name) { return by_name(all_elements(), name); }
+
+const std::vector<FilterInfo> &all_filters() {
+    static const std::vector<FilterInfo> table = {
+        {Filter::Dilate, "imdilate", "dilate"}, {Filter::Erode, "imerode", "erode"},
+        {Filter::Open, "imopen", "open"},       {Filter::Close, "imclose", "close"},
+        {Filter::TopHat, "imtophat", "tophat"}, {Filter::BotHat, "imbothat", "bothat"},
+    };
+    return table;
+}
+
+const FilterInfo &filter(const std::string &name) { return by_name(all_filters(), name); }
+
+const std::vector<std::string> &all_tags() {
+    static const std::vector<std::string> tags = {"none", "avx", "avx2"};
+    return tags;
+}
+
+int vector_width(const ElemInfo &e, const std::string &tag) {
+    const int register_bytes = tag == "avx2" || (tag == "avx" && e.is_float()) ? 32 : 16;
+    return register_bytes / e.bytes;
+}
+
+bool cpu_supports(const std::string &tag, std::string *why) {
+    __builtin_cpu_init();
+    // What tag avx needs, then what avx2 needs beside it.
+    const std::pair<const char *, bool> features[] = {{"avx", __builtin_cpu_supports("avx")},
+                                                      {"sse4.1", __builtin_cpu_supports("sse4.1")},
+                                                      {"avx2", __builtin_cpu_supports("avx2")},
+                                                      {"fma", __builtin_cpu_supports("fma")},
+                                                      {"bmi1", __builtin_cpu_supports("bmi")}};
+    std::string missing;
+    for (int i = 0; i < (tag == "avx2" ? 5 : tag == "avx" ? 2 : 0); i++)
+        if (!features[i].second) missing += std::string(" ") + features[i].first;
+    if (why) *why = missing;
+    return missing.empty();
+}
+
 int se_origin(int extent) {
-    const int half = wrap32(int64_t{extent} + 1) >> 1;
-    float f = static_cast<float>(half);
-    f = std::floor(f);
-    f = f + -1.0f;
-    return static_cast<int>(f);
+    const float half = static_cast<float>(wrap32(int64_t{extent} + 1) >> 1);
+    return static_cast<int>(std::floor(half) + -1.0f);
 }
 
 double convert_pad(const ElemInfo &e, double d) {
-    if (e.elem == Elem::Float64) return d;
-    if (e.elem == Elem::Float32) return static_cast<float>(d);
-    if (e.elem == Elem::UInt32) {
-        const bool fits = d >= -9223372036854775808.0 && d < 9223372036854775808.0;
-        const int64_t wide = fits ? static_cast<int64_t>(d) : std::numeric_limits<int64_t>::min();
-        return static_cast<uint32_t>(wide);
-    }
-    const bool fits = d >= -2147483648.0 && d < 2147483648.0;
-    const int32_t whole = fits ? static_cast<int32_t>(d) : std::numeric_limits<int32_t>::min();
-    switch (e.elem) {
-    case Elem::Bool: return whole & 1;
-    case Elem::Int8: return static_cast<int8_t>(whole);
-    case Elem::UInt8: return static_cast<uint8_t>(whole);
-    case Elem::Int16: return static_cast<int16_t>(whole);
-    case Elem::UInt16: return static_cast<uint16_t>(whole);
-    default: return whole;
-    }
+    if (e.is_float()) return e.elem == Elem::Float32 ? static_cast<float>(d) : d;
+    // A wrapping conversion through int64 (uint32) or int32; out of range gives the lowest value.
+    const double limit = e.elem == Elem::UInt32 ? 9223372036854775808.0 : 2147483648.0;
+    const int64_t lowest = e.elem == Elem::UInt32 ? INT64_MIN : INT32_MIN;
+    const int64_t whole = d >= -limit && d < limit ? static_cast<int64_t>(d) : lowest;
+    if (e.elem == Elem::Bool) return static_cast<double>(whole & 1);
+    return with_sample_type(e, [whole](auto sample) { return double(static_cast<decltype(sample)>(whole)); });
 }
 
 double saturating_difference(const ElemInfo &e, double a, double b) {
@@ -41,8 +91,7 @@ double saturating_difference(const ElemInfo &e, double a, double b) {
     const double hi = e.highest(), lo = e.lowest();
     d = d < hi ? d : hi;  // NaN goes to hi
     d = d > lo ? d : lo;
-    if (e.elem == Elem::Float32) return static_cast<float>(d);
-    return d;
+    return e.elem == Elem::Float32 ? static_cast<float>(d) : d;
 }
 
 namespace {
@@ -92,11 +141,11 @@ std::vector<double> reference_output(const Problem &p) {
     std::function<double(int, int)> sample;
     switch (p.filter->filter) {
     case Filter::Dilate:
-        sample = [&](int x, int y) { return morph(p, true, x, y, padded_image(p, low)); };
+    case Filter::Erode: {
+        const bool dilation = p.filter->filter == Filter::Dilate;
+        sample = [&, dilation](int x, int y) { return morph(p, dilation, x, y, padded_image(p, dilation ? low : high)); };
         break;
-    case Filter::Erode:
-        sample = [&](int x, int y) { return morph(p, false, x, y, padded_image(p, high)); };
-        break;
+    }
     case Filter::Open:
     case Filter::TopHat: {
         // Erosion in the image's rectangle, then dilation in the zero-based frame.

@@ -12,27 +12,19 @@ namespace {
 
 std::mutex log_mutex;
 
-void capture_message(void *, const char *message) {
-    std::lock_guard<std::mutex> lock(log_mutex);
-    runtime_log().last_message = message;
-}
-
 // Installed before any test runs.
-const bool handler_installed = (halide_set_error_handler(capture_message), true);
-
-template <typename F>
-F library_function(const char *name) {
-    return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
-}
+const bool handler_installed = (halide_set_error_handler([](void *, const char *message) {
+                                    std::lock_guard<std::mutex> lock(log_mutex);
+                                    runtime_log().last_message = message;
+                                }),
+                                true);
 
 template <typename... Args>
 std::string format_call(const char *name, Args... args) {
     std::ostringstream out;
-    out << name << "(";
     const char *sep = "";
     ((out << sep << args, sep = ", "), ...);
-    out << ")";
-    return out.str();
+    return std::string(name) + "(" + out.str() + ")";
 }
 
 }  // namespace
@@ -60,7 +52,7 @@ void log_runtime_call(const std::string &call) {
         (void)handler_installed;                                                     \
         fmtest::log_runtime_call(fmtest::format_call(#name, ##__VA_ARGS__));         \
         using Fn = int(*) params;                                                    \
-        static const Fn real = fmtest::library_function<Fn>(#name);                  \
+        static const Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, #name));        \
         return real(user_context, ##__VA_ARGS__);                                    \
     }
 

@@ -1,8 +1,7 @@
-// Records the runtime calls the pipelines make, as a host sees them. Linking
-// runtime_log.cpp into a test binary interposes the halide_error_ functions the
-// library calls by name: each call is logged with its arguments, then passed
-// on to the library's own runtime, whose status it returns. The error handler
-// is replaced so that no failure aborts the process; it keeps the message.
+// The runtime calls the pipelines make, as a host sees them: linked into a test
+// program, runtime_log.cpp interposes the halide_error_ functions the library
+// calls by name, logs each call with its arguments and passes it on to the
+// library's own runtime. Its error handler keeps the message instead of aborting.
 #pragma once
 
 #include <string>
@@ -17,7 +16,6 @@ struct RuntimeLog {
 
 RuntimeLog &runtime_log();
 void clear_runtime_log();
-// Adds a line to the log (used by tests' own malloc, free and do_par_for hooks).
-void log_runtime_call(const std::string &call);
+void log_runtime_call(const std::string &call);  // also for tests' own allocator hooks
 
 }  // namespace fmtest
