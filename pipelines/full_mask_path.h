@@ -1,8 +1,10 @@
-// A second row path for each stage of the integer and bool filters, taken
-// when the mask has every element active (squares, rectangles): each row
-// task folds down the mask's columns first and then along its rows, so a row
-// costs about the mask's width plus its height per sample instead of their
-// product.
+// A second row path for each stage of a filter, taken when the mask has
+// every element active (squares, rectangles): each row task folds down the
+// mask's columns first and then along its rows, so a row costs about the
+// mask's width plus its height per sample instead of their product. A float
+// row that meets NaN or -0.0 (whose place in the fold order shows in the
+// result) is folded again by the element-wise path, as is every row of a
+// call whose pads are such values.
 //
 // Halide compiles that path as a pipeline of its own (define_full_mask_stage,
 // schedule_full_mask); this pass lowers it, takes its row body, and puts it
