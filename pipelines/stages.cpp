@@ -48,13 +48,14 @@ Sampler padded_image(const Inputs &in, Expr pad) {
 // A sample of an earlier stage inside the zero-based frame of the image's
 // extents, or `pad` outside it (the output stage of the opening). The load
 // is clamped into the frame, or into `columns` where the earlier stage holds
-// only those.
+// only those: a column outside them takes the pad as well (no output reads it).
 Sampler framed_stage(const Inputs &in, const Sampler &earlier, Expr pad, const std::optional<Span> &columns) {
     return [&in, earlier, pad, columns](Expr a, Expr b) {
         Expr iw = in.image.dim(0).extent(), ih = in.image.dim(1).extent();
         Expr column = columns ? clamp(a, columns->lo, columns->hi - 1) : clamp(a, 0, iw - 1);
+        Expr inside = columns ? a >= max(0, columns->lo) && a < min(iw, columns->hi) : a >= 0 && a < iw;
         Expr load = earlier(column, clamp(b, 0, ih - 1));
-        return select(likely(b >= 0 && b < ih), select(likely(a >= 0 && a < iw), load, pad), pad);
+        return select(likely(b >= 0 && b < ih), select(likely(inside), load, pad), pad);
     };
 }
 
@@ -111,8 +112,13 @@ StageRule stage_rule(const std::string &filter, size_t index, const Inputs &in, 
     if (opening) return {output_name(filter), Fold::Max, framed_stage(in, earlier, low_pad, earlier_columns), finish};
     Sampler unframed = earlier;
     if (earlier_columns) {
+        // A column outside those held takes the erosion's identity (no output reads it).
         const Span columns = *earlier_columns;
-        unframed = [earlier, columns](Expr a, Expr b) { return earlier(clamp(a, columns.lo, columns.hi - 1), b); };
+        const Expr identity = fold_identity(Fold::Min, t);
+        unframed = [earlier, columns, identity](Expr a, Expr b) {
+            Expr load = earlier(clamp(a, columns.lo, columns.hi - 1), b);
+            return select(likely(a >= columns.lo && a < columns.hi), load, identity);
+        };
     }
     return {output_name(filter), Fold::Min, unframed, finish};
 }
