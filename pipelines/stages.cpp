@@ -83,8 +83,8 @@ bool single_stage(const std::string &filter) { return filter == "imdilate" || fi
 
 // The rule of stage `index` of `filter`; `earlier` reads the first stage's
 // samples (needed by the second stage only). Where the first stage holds
-// only the columns `earlier_columns`, the second stage's reads are clamped
-// into them.
+// only the columns `earlier_columns`, the second stage reads only those: a
+// column outside them, which no output reads, takes the pad or the identity.
 StageRule stage_rule(const std::string &filter, size_t index, const Inputs &in, const Sampler &earlier,
                      const std::optional<Span> &earlier_columns = std::nullopt) {
     Type t = in.image.type();
