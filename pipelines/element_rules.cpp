@@ -46,6 +46,15 @@ Expr fold_step(Fold fold, Expr acc, Expr sample) {
     return strict_float(select(keep, acc, sample));
 }
 
+Expr order_sensitive(Expr sample) {
+    const int bits = sample.type().bits();
+    Type word = UInt(bits);
+    Expr b = reinterpret(word, sample), sign = Internal::make_const(word, uint64_t(1) << (bits - 1));
+    Expr infinity = reinterpret(word, Internal::make_const(sample.type(), INFINITY));
+    Expr nan = (b & ~sign) > infinity;
+    return cast<uint8_t>(nan || b == sign);
+}
+
 Expr convert_pad(Expr pad, Type t) {
     if (t == Float(64)) return pad;
     if (t == Float(32)) return cast(t, pad);

@@ -24,6 +24,11 @@ Halide::Expr fold_identity(Fold fold, Halide::Type t);
 // follow the visiting order; the select is strict so no fast-math max replaces it.
 Halide::Expr fold_step(Fold fold, Halide::Expr acc, Halide::Expr sample);
 
+// 1 where a float sample is NaN or -0.0, the only samples whose place in the
+// fold order shows in a float fold's result, else 0 (worked on its bits,
+// which no float optimisation can change).
+Halide::Expr order_sensitive(Halide::Expr sample);
+
 // Plain (wrapping) conversion of a float64 pad value to `t`: truncation toward
 // zero to int32 (int64 for uint32), out-of-range and NaN giving the lowest
 // value of that integer, then the low bits. Written with exact float arithmetic

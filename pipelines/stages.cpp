@@ -1,6 +1,5 @@
 #include "stages.h"
 
-#include <cmath>
 #include <functional>
 #include <map>
 #include <optional>
@@ -185,15 +184,6 @@ FullMaskStage define_full_mask_stage(const std::string &filter, size_t index, co
     s.accumulator(x, y) = {fold_step(fold, s.accumulator(x, y)[0], folded[0]), max(s.accumulator(x, y)[1], folded[1])};
     s.result(x, y) = {rule.finish(s.accumulator(x, y)[0]), s.accumulator(x, y)[1]};
     return s;
-}
-
-Expr order_sensitive(Expr sample) {
-    const int bits = sample.type().bits();
-    Type word = UInt(bits);
-    Expr b = reinterpret(word, sample), sign = Internal::make_const(word, uint64_t(1) << (bits - 1));
-    Expr infinity = reinterpret(word, Internal::make_const(sample.type(), INFINITY));
-    Expr nan = (b & ~sign) > infinity;
-    return cast<uint8_t>(nan || b == sign);
 }
 
 std::string output_name(const std::string &filter) {

@@ -74,10 +74,6 @@ struct FullMaskStage {
 FullMaskStage define_full_mask_stage(const std::string &filter, size_t index, const Inputs &in,
                                      const Halide::ImageParam &intermediate, const std::string &name);
 
-// 1 where a float sample is NaN or -0.0, else 0 (worked on its bits, which
-// no float optimisation can change).
-Halide::Expr order_sensitive(Halide::Expr sample);
-
 // Name of the output buffer of a filter ("dilate" for "imdilate", ...).
 std::string output_name(const std::string &filter);
 
