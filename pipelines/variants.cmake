@@ -8,6 +8,7 @@ add_executable(flatmorph_compile
   pipelines/element_rules.cpp
   pipelines/frame_pass.cpp
   pipelines/full_mask_path.cpp
+  pipelines/loop_steps.cpp
   pipelines/schedule.cpp
   pipelines/stages.cpp
   pipelines/targets.cpp
