@@ -9,7 +9,9 @@
 //   flatmorph_compile runtime <object>
 #include "border_loads.h"
 #include "frame_pass.h"
+#include "hoisted_pads.h"
 #include "full_mask_path.h"
+#include "lane_tests.h"
 #include "schedule.h"
 #include "stages.h"
 #include "targets.h"
@@ -70,9 +72,11 @@ int compile_variant(const std::string &filter_name, const std::string &type, con
     pipeline.add_custom_lowering_pass(make_frame_pass(filter, in, vw), nullptr);
     pipeline.add_custom_lowering_pass(make_tile_jam_pass(tiles_in_flight(vw), vw), nullptr);
     pipeline.add_custom_lowering_pass(make_border_loads_pass(), nullptr);
+    pipeline.add_custom_lowering_pass(make_lane_tests_pass(), nullptr);
     // A full mask may fold column first, each stage on its own.
     for (size_t stage = 0; stage < filter.stages.size(); stage++)
         pipeline.add_custom_lowering_pass(make_full_mask_pass(filter_name, stage, filter, in, vw, target), nullptr);
+    pipeline.add_custom_lowering_pass(make_hoisted_pads_pass(), nullptr);
     Module module = pipeline.compile_to_module({in.image, in.minmax, in.strel}, variant, target, LinkageType::External);
     module.compile({{OutputFileType::object, dir + "/" + variant + ".raw.o"}});
 

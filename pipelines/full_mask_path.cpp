@@ -1,6 +1,7 @@
 #include "full_mask_path.h"
 
 #include "border_loads.h"
+#include "lane_tests.h"
 #include "loop_steps.h"
 #include "schedule.h"
 
@@ -191,6 +192,7 @@ public:
         Stmt lowered;
         // Its border chunks fold with whole-vector loads where they can, as the element-wise path does.
         path.add_custom_lowering_pass(make_border_loads_pass());
+        path.add_custom_lowering_pass(make_lane_tests_pass());
         // Its folds down the columns step their addresses by the row stride.
         path.add_custom_lowering_pass(make_loop_steps_pass());
         path.add_custom_lowering_pass(new Capture(&lowered));

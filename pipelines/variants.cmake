@@ -8,6 +8,8 @@ add_executable(flatmorph_compile
   pipelines/element_rules.cpp
   pipelines/frame_pass.cpp
   pipelines/full_mask_path.cpp
+  pipelines/hoisted_pads.cpp
+  pipelines/lane_tests.cpp
   pipelines/loop_steps.cpp
   pipelines/schedule.cpp
   pipelines/stages.cpp
