@@ -48,11 +48,13 @@ Expr fold_step(Fold fold, Expr acc, Expr sample) {
 
 Expr order_sensitive(Expr sample) {
     const int bits = sample.type().bits();
-    Type word = UInt(bits);
+    Type word = UInt(bits), signed_word = Int(bits);
     Expr b = reinterpret(word, sample), sign = Internal::make_const(word, uint64_t(1) << (bits - 1));
-    Expr infinity = reinterpret(word, Internal::make_const(sample.type(), INFINITY));
-    Expr nan = (b & ~sign) > infinity;
-    return cast<uint8_t>(nan || b == sign);
+    Expr infinity = reinterpret(signed_word, Internal::make_const(sample.type(), INFINITY));
+    // Without its sign bit the word is non-negative, so a signed comparison
+    // serves (vectors compare signed words in one instruction).
+    Expr nan = reinterpret(signed_word, b & ~sign) > infinity;
+    return select(nan || b == sign, Internal::make_one(word), Internal::make_zero(word));
 }
 
 Expr convert_pad(Expr pad, Type t) {

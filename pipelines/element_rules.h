@@ -25,8 +25,9 @@ Halide::Expr fold_identity(Fold fold, Halide::Type t);
 Halide::Expr fold_step(Fold fold, Halide::Expr acc, Halide::Expr sample);
 
 // 1 where a float sample is NaN or -0.0, the only samples whose place in the
-// fold order shows in a float fold's result, else 0 (worked on its bits,
-// which no float optimisation can change).
+// fold order shows in a float fold's result, else 0, as an unsigned integer
+// as wide as the sample (so a vector of flags needs no narrowing); worked on
+// its bits, which no float optimisation can change.
 Halide::Expr order_sensitive(Halide::Expr sample);
 
 // Plain (wrapping) conversion of a float64 pad value to `t`: truncation toward

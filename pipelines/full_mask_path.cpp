@@ -70,6 +70,7 @@ private:
     Stmt visit(const Store *op) override {
         if (op->name != flags_) return IRMutator::visit(op);
         Expr any = op->value.type().is_vector() ? VectorReduce::make(VectorReduce::Max, op->value, 1) : op->value;
+        any = cast<uint8_t>(any);
         Expr seen = Load::make(UInt(8), row_flag_, 0, Buffer<>(), Parameter(), const_true(), {});
         return Store::make(row_flag_, max(seen, any), 0, Parameter(), const_true(), {});
     }
@@ -187,7 +188,7 @@ public:
         if (two_stage) fields = intermediate_fields(def);
 
         FullMaskStage stage = define_full_mask_stage(filter, index, in, intermediate, path_);
-        schedule_full_mask(stage, vw);
+        schedule_full_mask(stage, in, vw);
         Pipeline path(stage.result);
         Stmt lowered;
         // Its border chunks fold with whole-vector loads where they can, as the element-wise path does.

@@ -22,6 +22,6 @@ void schedule_filter(const FilterDefinition &filter, const Inputs &in, int vecto
 constexpr int full_mask_chunk = 256;
 constexpr int full_mask_max_columns = 65;
 
-void schedule_full_mask(const FullMaskStage &stage, int vector_width);
+void schedule_full_mask(const FullMaskStage &stage, const Inputs &in, int vector_width);
 
 }  // namespace flatmorph

@@ -77,7 +77,8 @@ Entry entry(const Variant &v) { return reinterpret_cast<Entry>(exported(v.name()
 
 Call::Call(const Problem &p) {
     const ElemInfo &e = *p.elem;
-    image = std::make_unique<TestBuffer>(e, p.image.x0, p.image.w, p.image.y0, p.image.h, p.image.w + 1);
+    image = std::make_unique<TestBuffer>(e, p.image.x0, p.image.w, p.image.y0, p.image.h,
+                                         p.image.w + p.image_row_gap);
     for (int y = 0; y < p.image.h; y++)
         for (int x = 0; x < p.image.w; x++) {
             const double v = p.pixels[static_cast<size_t>(y) * p.image.w + x];

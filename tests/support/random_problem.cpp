@@ -81,6 +81,8 @@ Problem random_problem(const Variant &v, std::mt19937 &rng) {
         p.mask.sx = one_of<int>(rng, {1, 3, 5, 9, 21, 64, 65, 66, pick(rng, 1, 70)});
         p.mask.sy = one_of<int>(rng, {1, 2, 5, 7, pick(rng, 1, p.image.h + 3)});
         p.mask.bytes.assign(static_cast<size_t>(p.mask.sx * p.mask.sy), 1);
+        // Image rows 4 KB apart and more, which the column-first path folds in another order.
+        if (pick(rng, 0, 1)) p.image_row_gap = 4096 / v.elem->bytes;
     }
 
     p.low_pad = random_pad(*v.elem, rng);

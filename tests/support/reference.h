@@ -89,6 +89,7 @@ struct Problem {
     double low_pad = 0, high_pad = 0;  // the float64 elements (0, 0) and (1, 0) of minmax
     Mask mask;
     Region output;
+    int image_row_gap = 1;  // elements between the end of an image row and the next row
 };
 
 // SE origin of a mask extent, by the float32 steps.
