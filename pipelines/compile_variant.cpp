@@ -9,8 +9,8 @@
 //   flatmorph_compile runtime <object>
 #include "border_loads.h"
 #include "frame_pass.h"
-#include "hoisted_pads.h"
 #include "full_mask_path.h"
+#include "hoisted_pads.h"
 #include "lane_tests.h"
 #include "schedule.h"
 #include "stages.h"
