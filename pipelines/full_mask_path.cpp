@@ -195,7 +195,7 @@ public:
         path.add_custom_lowering_pass(make_border_loads_pass());
         path.add_custom_lowering_pass(make_lane_tests_pass());
         // Its folds down the columns step their addresses by the row stride.
-        path.add_custom_lowering_pass(make_loop_steps_pass());
+        path.add_custom_lowering_pass(make_loop_steps_pass(""));
         path.add_custom_lowering_pass(new Capture(&lowered));
         std::vector<Argument> arguments = {in.image, in.minmax, in.strel};
         if (index == 1) arguments.push_back(intermediate);
