@@ -37,13 +37,15 @@ private:
 // in the body becomes a variable, bound once at the body's start.
 class PadLoads : public IRMutator {
 public:
-    PadLoads(std::string row, std::set<std::string> defined) : row_(std::move(row)), defined_(std::move(defined)) {}
+    PadLoads(std::string row, std::set<std::string> defined, std::string prefix)
+        : row_(std::move(row)), defined_(std::move(defined)), prefix_(std::move(prefix)) {}
     std::vector<std::pair<std::string, Expr>> hoisted;
 
 private:
     using IRMutator::visit;
     const std::string row_;
     const std::set<std::string> defined_;
+    const std::string prefix_;
 
     bool invariant(const Expr &e) const {
         for (const std::string &name : defined_)
@@ -54,7 +56,7 @@ private:
         if (op->name != "minmax" || op->type.is_vector() || !invariant(op->index)) return IRMutator::visit(op);
         for (const auto &[name, load] : hoisted)
             if (equal(load, Expr(op))) return Variable::make(op->type, name);
-        const std::string name = "minmax.pad." + std::to_string(hoisted.size());
+        const std::string name = prefix_ + std::to_string(hoisted.size());
         hoisted.emplace_back(name, op);
         return Variable::make(op->type, name);
     }
@@ -68,14 +70,11 @@ class HoistedPads : public IRMutator {
         if (op->for_type != ForType::Parallel) return IRMutator::visit(op);
         DefinedNames defined;
         op->body.accept(&defined);
-        PadLoads pads(op->name, defined.names);
-        Stmt body = pads.mutate(op->body);
         // Names of their own per row loop: closures capture nothing of another's.
-        const std::string suffix = "." + std::to_string(rows_++);
-        for (auto pad = pads.hoisted.rbegin(); pad != pads.hoisted.rend(); ++pad) {
-            body = substitute(pad->first, Variable::make(pad->second.type(), pad->first + suffix), body);
-            body = LetStmt::make(pad->first + suffix, pad->second, body);
-        }
+        PadLoads pads(op->name, defined.names, "minmax.pad" + std::to_string(rows_++) + ".");
+        Stmt body = pads.mutate(op->body);
+        for (auto pad = pads.hoisted.rbegin(); pad != pads.hoisted.rend(); ++pad)
+            body = LetStmt::make(pad->first, pad->second, body);
         return For::make(op->name, op->min, op->extent, op->for_type, op->device_api, body);
     }
 };
