@@ -266,7 +266,6 @@ private:
         const std::string taken = path_ + ".taken";
         Expr row = Variable::make(Int(32), op->name);
         Stmt path = substitute(row_loop_, row - op->min + row_min_, row_body_);
-        Stmt body = IfThenElse::make(Variable::make(Bool(), taken), path, op->body);
         if (flagged_) {
             // A float row folded a NaN or -0.0: it is folded again, element by
             // element. (The element-wise body is written twice: behind one
@@ -275,10 +274,10 @@ private:
                 return Store::make(row_flag_, make_const(UInt(8), value), 0, Parameter(), const_true(), {});
             };
             Expr flag = Load::make(UInt(8), row_flag_, 0, Buffer<>(), Parameter(), const_true(), {});
-            Stmt on_path = Block::make({set_flag(0), path, IfThenElse::make(flag != 0, op->body)});
-            on_path = Allocate::make(row_flag_, UInt(8), MemoryType::Stack, {1}, const_true(), on_path);
-            body = IfThenElse::make(Variable::make(Bool(), taken), on_path, op->body);
+            path = Block::make({set_flag(0), path, IfThenElse::make(flag != 0, op->body)});
+            path = Allocate::make(row_flag_, UInt(8), MemoryType::Stack, {1}, const_true(), path);
         }
+        Stmt body = IfThenElse::make(Variable::make(Bool(), taken), path, op->body);
         Stmt loop = For::make(op->name, op->min, op->extent, op->for_type, op->device_api, body);
         for (auto let = outer_lets_.rbegin(); let != outer_lets_.rend(); ++let)
             loop = LetStmt::make(let->first, let->second, loop);
