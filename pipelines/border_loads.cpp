@@ -155,12 +155,10 @@ class BorderLoads : public IRMutator {
         // The window's ends are tested outside the expression: none of the
         // names they use may be bound inside it.
         with = substitute_in_all_lets(with);
-        finder = FindPaddedGather();
-        with.accept(&finder);
-        ClampedWindow w;
-        const Load *gather = finder.found ? gathered_load(finder.found->true_value) : nullptr;
-        if (!gather || !clamped_window(gather, &w)) return make(with);
-        const Select *choice = finder.found;
+        PaddedGather w;
+        if (!find_padded_gather(with, &w)) return make(with);
+        const Select *choice = w.choice;
+        const Load *gather = w.gather;
         const int lanes = choice->type.lanes();
         auto using_value = [&](const Expr &value) { return make(substitute(Expr(choice), value, with)); };
         Expr start = cast<int64_t>(w.start), lo = cast<int64_t>(w.lo), hi = cast<int64_t>(w.hi);
@@ -203,6 +201,18 @@ class BorderLoads : public IRMutator {
 };
 
 }  // namespace
+
+bool find_padded_gather(const Expr &e, PaddedGather *found) {
+    FindPaddedGather finder;
+    e.accept(&finder);
+    const Load *gather = finder.found ? gathered_load(finder.found->true_value) : nullptr;
+    ClampedWindow w;
+    if (!gather || !clamped_window(gather, &w)) return false;
+    *found = {finder.found, gather, w.start, w.lo, w.hi};
+    return true;
+}
+
+Expr as_dense_load(const Expr &e) { return DenseLoad(Dense::as_is).mutate(e); }
 
 IRMutator *make_border_loads_pass() { return new BorderLoads(); }
 

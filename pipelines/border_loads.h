@@ -19,4 +19,19 @@ namespace flatmorph {
 
 Halide::Internal::IRMutator *make_border_loads_pass();
 
+// A lane-wise choice select(inside, gathered sample, pad) whose gather reads
+// the clamped columns [start, start + lanes) of one row, clamped into [lo, hi].
+struct PaddedGather {
+    const Halide::Internal::Select *choice;
+    const Halide::Internal::Load *gather;
+    Halide::Expr start, lo, hi;
+};
+
+// The first such choice in `e` (whose lets must be substituted), if any.
+bool find_padded_gather(const Halide::Expr &e, PaddedGather *found);
+
+// `e` with each padded gather read as one dense vector of its unclamped
+// columns: the same values where all of its lanes lie within the clamp.
+Halide::Expr as_dense_load(const Halide::Expr &e);
+
 }  // namespace flatmorph

@@ -8,6 +8,7 @@
 //     argument-array entry and the metadata record).
 //   flatmorph_compile runtime <object>
 #include "border_loads.h"
+#include "border_windows.h"
 #include "frame_pass.h"
 #include "full_mask_path.h"
 #include "hoisted_pads.h"
@@ -72,6 +73,7 @@ int compile_variant(const std::string &filter_name, const std::string &type, con
     Pipeline pipeline(filter.output().result);
     pipeline.add_custom_lowering_pass(make_frame_pass(filter, in, vw), nullptr);
     pipeline.add_custom_lowering_pass(make_tile_jam_pass(tiles_in_flight(vw), vw), nullptr);
+    pipeline.add_custom_lowering_pass(make_border_windows_pass(), nullptr);
     pipeline.add_custom_lowering_pass(make_border_loads_pass(), nullptr);
     pipeline.add_custom_lowering_pass(make_lane_tests_pass(), nullptr);
     // A full mask may fold column first, each stage on its own.

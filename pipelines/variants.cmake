@@ -4,6 +4,7 @@ include(${CMAKE_CURRENT_LIST_DIR}/matrix.cmake)
 
 add_executable(flatmorph_compile
   pipelines/border_loads.cpp
+  pipelines/border_windows.cpp
   pipelines/compile_variant.cpp
   pipelines/element_rules.cpp
   pipelines/frame_pass.cpp
