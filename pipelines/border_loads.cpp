@@ -166,24 +166,11 @@ class BorderLoads : public IRMutator {
         Expr all_inside = start >= lo && start + (lanes - 1) <= hi && row_inside;
         Stmt whole = using_value(DenseLoad(Dense::as_is).mutate(choice->true_value));
 
-        // The buffer holds 3 vectors: the window is its middle one, and the
-        // vector loaded whole lands at most one vector before or after it.
         const std::string buffer = "border_window$" + std::to_string(windows_++);
-        const Type t = gather->type.element_of();
-        auto ramp_at = [&](Expr first) { return Ramp::make(first, 1, lanes); };
-        Expr moved = cast<int32_t>(clamp(cast<int64_t>(clamp(w.start, w.lo, w.hi - (lanes - 1))) - start,
-                                         -lanes, lanes));
-        Stmt fill = Block::make(
-            Store::make(buffer, Broadcast::make(make_zero(t), lanes), ramp_at(lanes), Parameter(), const_true(lanes),
-                        ModulusRemainder()),
-            Store::make(buffer, DenseLoad(Dense::moved_inside).mutate(Expr(gather)), ramp_at(lanes + moved),
-                        Parameter(), const_true(lanes), ModulusRemainder()));
-        Expr window = Load::make(gather->type, buffer, ramp_at(lanes), Buffer<>(), Parameter(), const_true(lanes),
-                                 ModulusRemainder());
-        Expr value = select(choice->condition, substitute(Expr(gather), window, choice->true_value),
-                            choice->false_value);
-        Stmt windowed = Allocate::make(buffer, t, MemoryType::Stack, {3 * lanes}, const_true(),
-                                       Block::make(fill, using_value(value)));
+        Stmt windowed = with_window(w, load_just_inside(w), buffer, [&](const Expr &window) {
+            return using_value(select(choice->condition, substitute(Expr(gather), window, choice->true_value),
+                                      choice->false_value));
+        });
         // The vector just inside exists where the bounds are a vector apart at least.
         Stmt straddling = IfThenElse::make(hi - lo + 1 >= lanes, windowed, make(with));
         return IfThenElse::make(all_inside, whole, straddling);
@@ -213,6 +200,26 @@ bool find_padded_gather(const Expr &e, PaddedGather *found) {
 }
 
 Expr as_dense_load(const Expr &e) { return DenseLoad(Dense::as_is).mutate(e); }
+
+Expr load_just_inside(const PaddedGather &g) { return DenseLoad(Dense::moved_inside).mutate(Expr(g.gather)); }
+
+Stmt with_window(const PaddedGather &g, const Expr &just_inside, const std::string &buffer,
+                 const std::function<Stmt(const Expr &)> &use) {
+    // The buffer holds 3 vectors: the window is its middle one, and the
+    // vector loaded whole lands at most one vector before or after it.
+    const int lanes = g.gather->type.lanes();
+    const Type t = g.gather->type.element_of();
+    auto ramp_at = [&](Expr first) { return Ramp::make(first, 1, lanes); };
+    Expr start = cast<int64_t>(g.start);
+    Expr moved = cast<int32_t>(clamp(cast<int64_t>(clamp(g.start, g.lo, g.hi - (lanes - 1))) - start, -lanes, lanes));
+    Stmt fill = Block::make(Store::make(buffer, Broadcast::make(make_zero(t), lanes), ramp_at(lanes), Parameter(),
+                                        const_true(lanes), ModulusRemainder()),
+                            Store::make(buffer, just_inside, ramp_at(lanes + moved), Parameter(), const_true(lanes),
+                                        ModulusRemainder()));
+    Expr window = Load::make(g.gather->type, buffer, ramp_at(lanes), Buffer<>(), Parameter(), const_true(lanes),
+                             ModulusRemainder());
+    return Allocate::make(buffer, t, MemoryType::Stack, {3 * lanes}, const_true(), Block::make(fill, use(window)));
+}
 
 IRMutator *make_border_loads_pass() { return new BorderLoads(); }
 

@@ -15,6 +15,9 @@
 
 #include <Halide.h>
 
+#include <functional>
+#include <string>
+
 namespace flatmorph {
 
 Halide::Internal::IRMutator *make_border_loads_pass();
@@ -33,5 +36,16 @@ bool find_padded_gather(const Halide::Expr &e, PaddedGather *found);
 // `e` with each padded gather read as one dense vector of its unclamped
 // columns: the same values where all of its lanes lie within the clamp.
 Halide::Expr as_dense_load(const Halide::Expr &e);
+
+// The gather's columns read as one whole vector just inside the clamp (its
+// bounds must be a vector apart at least).
+Halide::Expr load_just_inside(const PaddedGather &g);
+
+// `use` of the gather's window, in which each lane inside the clamp holds
+// its column's lane of `just_inside` (a vector read by load_just_inside, or
+// a lane-wise fold of such vectors), by way of a small stack buffer named
+// `buffer`. Lanes outside hold no sample.
+Halide::Internal::Stmt with_window(const PaddedGather &g, const Halide::Expr &just_inside, const std::string &buffer,
+                                   const std::function<Halide::Internal::Stmt(const Halide::Expr &)> &use);
 
 }  // namespace flatmorph

@@ -1,9 +1,9 @@
 #include "border_windows.h"
 
 #include "border_loads.h"
+#include "let_chains.h"
 
 #include <string>
-#include <vector>
 
 using namespace Halide;
 using namespace Halide::Internal;
@@ -28,17 +28,10 @@ struct RowOfFolds {
 bool row_of_folds(const For *loop, RowOfFolds *r) {
     const IfThenElse *active = loop->body.as<IfThenElse>();
     if (loop->for_type != ForType::Serial || !active || active->else_case.defined()) return false;
-    std::vector<const LetStmt *> lets;
-    Stmt s = active->then_case;
-    while (const LetStmt *let = s.as<LetStmt>()) {
-        lets.push_back(let);
-        s = let->body;
-    }
-    const Store *fold = s.as<Store>();
+    const LetChain chain(active->then_case);
+    const Store *fold = chain.body.as<Store>();
     if (!fold || !fold->value.type().is_vector()) return false;
-    Expr value = fold->value;
-    for (auto let = lets.rbegin(); let != lets.rend(); ++let) value = Let::make((*let)->name, (*let)->value, value);
-    value = substitute_in_all_lets(value);
+    const Expr value = chain.substituted(fold->value);
     PaddedGather g;
     if (!find_padded_gather(value, &g) || expr_uses_var(g.choice->false_value, loop->name)) return false;
     // The window is filled with dense loads: every gather must become one.
@@ -54,30 +47,6 @@ bool row_of_folds(const For *loop, RowOfFolds *r) {
     return true;
 }
 
-// The loop over a border tile's mask rows: lets, then a row of folds.
-struct MaskRows {
-    std::vector<const LetStmt *> lets;
-    const For *columns;
-    RowOfFolds row;
-};
-
-bool mask_rows(const For *loop, MaskRows *m) {
-    if (loop->for_type != ForType::Serial) return false;
-    Stmt s = loop->body;
-    m->lets.clear();
-    while (const LetStmt *let = s.as<LetStmt>()) {
-        m->lets.push_back(let);
-        s = let->body;
-    }
-    m->columns = s.as<For>();
-    return m->columns && row_of_folds(m->columns, &m->row);
-}
-
-Stmt within_lets(const std::vector<const LetStmt *> &lets, Stmt s) {
-    for (auto let = lets.rbegin(); let != lets.rend(); ++let) s = LetStmt::make((*let)->name, (*let)->value, s);
-    return s;
-}
-
 class BorderWindows : public IRMutator {
     using IRMutator::visit;
     int windows_ = 0;
@@ -85,10 +54,11 @@ class BorderWindows : public IRMutator {
     // A tile's mask rows, twice: the first loop fills their windows, the
     // second folds from them.
     Stmt visit(const For *op) override {
-        MaskRows rows;
-        if (!mask_rows(op, &rows)) return IRMutator::visit(op);
-        const For *columns = rows.columns;
-        const RowOfFolds &r = rows.row;
+        // The loop over a border tile's mask rows: lets, then a row of folds.
+        const LetChain row_lets(op->body);
+        const For *columns = row_lets.body.as<For>();
+        RowOfFolds r;
+        if (op->for_type != ForType::Serial || !columns || !row_of_folds(columns, &r)) return IRMutator::visit(op);
         const Select *choice = r.g.choice;
         const int lanes = choice->type.lanes();
         const std::string prefix = columns->name + ".window";
@@ -114,7 +84,7 @@ class BorderWindows : public IRMutator {
         auto in_row = [&](Stmt s) {
             s = LetStmt::make(prefix + ".inside_hi", inside_hi, s);
             s = LetStmt::make(prefix + ".inside_lo", inside_lo, s);
-            return within_lets(rows.lets, LetStmt::make(prefix + ".min", window_min, s));
+            return row_lets.around(LetStmt::make(prefix + ".min", window_min, s));
         };
         Expr row_start = (Variable::make(Int(32), op->name) - op->min) * stride;
 

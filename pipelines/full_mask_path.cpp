@@ -4,6 +4,7 @@
 #include "lane_tests.h"
 #include "loop_steps.h"
 #include "schedule.h"
+#include "straddling_columns.h"
 
 #include <map>
 #include <set>
@@ -191,7 +192,9 @@ public:
         schedule_full_mask(stage, in, vw);
         Pipeline path(stage.result);
         Stmt lowered;
-        // Its border chunks fold with whole-vector loads where they can, as the element-wise path does.
+        // Its border chunks fold with whole-vector loads where they can, as the
+        // element-wise path does, down the rows in a register where they straddle the edge.
+        path.add_custom_lowering_pass(make_straddling_columns_pass());
         path.add_custom_lowering_pass(make_border_loads_pass());
         path.add_custom_lowering_pass(make_lane_tests_pass());
         // Its folds down the columns step their addresses by the row stride.

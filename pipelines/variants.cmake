@@ -14,6 +14,7 @@ add_executable(flatmorph_compile
   pipelines/loop_steps.cpp
   pipelines/schedule.cpp
   pipelines/stages.cpp
+  pipelines/straddling_columns.cpp
   pipelines/targets.cpp
   pipelines/tile_jam.cpp)
 target_link_libraries(flatmorph_compile PRIVATE Halide::Halide)
