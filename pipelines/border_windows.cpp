@@ -51,8 +51,9 @@ class BorderWindows : public IRMutator {
     using IRMutator::visit;
     int windows_ = 0;
 
-    // A tile's mask rows, twice: the first loop fills their windows, the
-    // second folds from them.
+    // A tile's mask rows: their windows are filled, then folded. The
+    // windows have the same columns on every row: each vector of them is
+    // filled down the rows, so its lane tests are worked out once.
     Stmt visit(const For *op) override {
         // The loop over a border tile's mask rows: lets, then a row of folds.
         const LetChain row_lets(op->body);
@@ -70,23 +71,24 @@ class BorderWindows : public IRMutator {
         auto var64 = [&](const std::string &suffix) { return Variable::make(Int(64), prefix + suffix); };
         auto wide = [](Expr e) { return cast<int64_t>(e); };
 
-        // A row's window: the columns from `.min` on that its folds read,
-        // k from columns->min to columns->min + columns->extent - 1, each a
-        // vector wide; and those of them within the clamp, which the copy
-        // reads whole.
+        // The window: the columns from `.min` on that the folds read, k from
+        // columns->min to columns->min + columns->extent - 1, each a vector
+        // wide; and those of them within the clamp, which the copy reads whole.
         Expr last_k = columns->min + columns->extent - 1;
         Expr window_min = r.step > 0 ? wide(r.first) + wide(columns->min) : wide(r.first) - wide(last_k);
         Expr width = wide(columns->extent) + (lanes - 1);
         Expr inside_lo = max(var64(".min"), wide(r.g.lo));
         Expr inside_hi = min(var64(".min") + width, wide(r.g.hi) + 1);
+        for (const Expr &e : {window_min, inside_lo, inside_hi}) {
+            if (expr_uses_var(e, op->name)) return op;
+            for (const LetStmt *let : row_lets.lets)
+                if (expr_uses_var(e, let->name)) return op;
+        }
         Expr inside = var64(".inside_hi") - var64(".inside_lo");
-        Expr fits = columns->extent <= border_window_max_columns && inside >= lanes;
-        auto in_row = [&](Stmt s) {
-            s = LetStmt::make(prefix + ".inside_hi", inside_hi, s);
-            s = LetStmt::make(prefix + ".inside_lo", inside_lo, s);
-            return row_lets.around(LetStmt::make(prefix + ".min", window_min, s));
-        };
         Expr row_start = (Variable::make(Int(32), op->name) - op->min) * stride;
+        auto down_the_rows = [&](Stmt s) {
+            return For::make(op->name, op->min, op->extent, op->for_type, op->device_api, row_lets.around(s));
+        };
 
         // The choice at the vector of columns from c on: the gather read as a
         // dense load, which stays within the clamp there.
@@ -95,21 +97,19 @@ class BorderWindows : public IRMutator {
             Expr k = r.step > 0 ? c - wide(r.first) : wide(r.first) - c;
             return cast(kept, substitute(columns->name, cast<int32_t>(k), dense_choice));
         };
-        auto store_at = [&](Expr position, Expr value) {
-            return Store::make(buffer, value, Ramp::make(row_start + position, 1, lanes), Parameter(),
-                               const_true(lanes), ModulusRemainder());
+        auto fill_at = [&](Expr position, Expr value) {
+            return down_the_rows(Store::make(buffer, value, Ramp::make(row_start + position, 1, lanes), Parameter(),
+                                             const_true(lanes), ModulusRemainder()));
         };
         const std::string v = prefix + ".vector", m = prefix + ".copy";
         Expr place = cast<int32_t>(var64(".inside_lo") - var64(".min"));
         Stmt pad = For::make(v, 0, cast<int32_t>((width + (lanes - 1)) / lanes), ForType::Serial, op->device_api,
-                             store_at(Variable::make(Int(32), v) * lanes, cast(kept, choice->false_value)));
+                             fill_at(Variable::make(Int(32), v) * lanes, cast(kept, choice->false_value)));
         Expr copy_from = var64(".inside_lo") + wide(Variable::make(Int(32), m)) * lanes;
         Stmt copy = For::make(m, 0, cast<int32_t>((inside - 1) / lanes), ForType::Serial, op->device_api,
-                              store_at(place + Variable::make(Int(32), m) * lanes, samples_from(copy_from)));
-        Stmt copy_last = store_at(cast<int32_t>(var64(".inside_hi") - var64(".min")) - lanes,
-                                  samples_from(var64(".inside_hi") - lanes));
-        Stmt fill = For::make(op->name, op->min, op->extent, op->for_type, op->device_api,
-                              in_row(IfThenElse::make(fits, Block::make({pad, copy, copy_last}))));
+                              fill_at(place + Variable::make(Int(32), m) * lanes, samples_from(copy_from)));
+        Stmt copy_last = fill_at(cast<int32_t>(var64(".inside_hi") - var64(".min")) - lanes,
+                                 samples_from(var64(".inside_hi") - lanes));
 
         // Fold k reads the window from its own first column on, in the same order as before.
         Expr k = Variable::make(Int(32), columns->name);
@@ -119,14 +119,16 @@ class BorderWindows : public IRMutator {
                                                          ModulusRemainder()));
         Stmt fold = Store::make(r.fold->name, substitute(Expr(choice), from_window, r.value), r.fold->index,
                                 r.fold->param, r.fold->predicate, r.fold->alignment);
-        Stmt folds = For::make(columns->name, columns->min, columns->extent, columns->for_type, columns->device_api,
-                               IfThenElse::make(r.active->condition, fold));
-        Stmt fold_rows = For::make(op->name, op->min, op->extent, op->for_type, op->device_api,
-                                   in_row(IfThenElse::make(fits, folds, columns)));
+        Stmt folds = down_the_rows(For::make(columns->name, columns->min, columns->extent, columns->for_type,
+                                             columns->device_api, IfThenElse::make(r.active->condition, fold)));
 
         Stmt windowed = Allocate::make(buffer, kept.element_of(), MemoryType::Stack, {max_rows * stride},
-                                       const_true(), Block::make(fill, fold_rows));
-        return IfThenElse::make(op->extent <= max_rows, windowed, op);
+                                       const_true(), Block::make({pad, copy, copy_last, folds}));
+        Expr fits = op->extent <= max_rows && columns->extent <= border_window_max_columns && inside >= lanes;
+        Stmt chosen = IfThenElse::make(fits, windowed, op);
+        chosen = LetStmt::make(prefix + ".inside_hi", inside_hi, chosen);
+        chosen = LetStmt::make(prefix + ".inside_lo", inside_lo, chosen);
+        return LetStmt::make(prefix + ".min", window_min, chosen);
     }
 };
 
