@@ -20,7 +20,7 @@
 // Every lane holds the sample its fold read before, and the folds keep their
 // order, so results are the same bit for bit.
 //
-// Rows whose window holds less than a vector of image columns, and masks
+// Tiles whose windows hold less than a vector of image columns, and masks
 // wider or taller than the windows' fixed space on the stack (Halide puts an
 // allocation of over 16 KB on the heap), keep the folds as they were.
 #pragma once
