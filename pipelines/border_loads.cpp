@@ -55,6 +55,18 @@ bool clamped_lanes(const Max *clamp, ClampedLanes *c) {
     return true;
 }
 
+// Narrows [lo, hi], the columns of `load`'s clamp, to those a dense load may
+// read: an earlier stage, held in an allocation of the variant, has only the
+// columns computed of it, which may be fewer than its clamp's (the image's
+// frame). The gathers read only those; a vector just inside the clamp might not.
+void readable_columns(const Load *load, Expr *lo, Expr *hi) {
+    if (load->param.defined() || load->image.defined()) return;
+    Expr first = Variable::make(Int(32), load->name + ".x.min_realized");
+    Expr count = Variable::make(Int(32), load->name + ".x.extent_realized");
+    *lo = max(*lo, first);
+    *hi = min(*hi, first + count - 1);
+}
+
 // The gathered value read as one dense ramp of columns: in the index, a clamp
 // of columns becomes the ramp itself (`Dense::as_is`, right where every lane
 // is inside) or the ramp moved just inside the clamp's bounds
@@ -70,12 +82,14 @@ private:
     using IRMutator::visit;
     const Dense how_;
     bool in_index_ = false;
+    const Load *load_ = nullptr;
 
     Expr visit(const Max *op) override {
         ClampedLanes c;
         if (!in_index_ || !op->type.is_vector() || !clamped_lanes(op, &c)) return IRMutator::visit(op);
         if (how_ == Dense::as_is) return c.lanes;
         const Ramp *r = c.lanes.as<Ramp>();
+        readable_columns(load_, &c.lo, &c.hi);
         return Ramp::make(clamp(r->base, c.lo, c.hi - (r->lanes - 1)), r->stride, r->lanes);
     }
     Expr visit(const Cast *op) override {
@@ -104,6 +118,7 @@ private:
     Expr visit(const Load *op) override {
         if (!is_gather(op)) return IRMutator::visit(op);
         in_index_ = true;
+        load_ = op;
         Expr index = simplify(mutate(op->index));
         in_index_ = false;
         if (!index.as<Ramp>()) return op;
@@ -129,6 +144,7 @@ bool clamped_window(const Load *gather, ClampedWindow *w) {
     if (!add || !add->b.as<Broadcast>() || !above_lo || !clamped_lanes(above_lo, &c)) return false;
     const Ramp *lanes = c.lanes.as<Ramp>();
     if (!is_const_one(lanes->stride)) return false;
+    readable_columns(gather, &c.lo, &c.hi);
     *w = {lanes->base, c.lo, c.hi};
     return true;
 }

@@ -23,6 +23,16 @@ TEST(Memcheck, EveryFilter) {
             EXPECT_EQ(VALGRIND_CHECK_MEM_IS_DEFINED(bytes.data(), bytes.size()), 0);
         }
 
+        // An output beside the image: a two-stage filter's intermediate holds
+        // one column, fewer than the vector its border tiles would read whole.
+        Problem beside = random_problem(v, rng);
+        beside.image = {-6, 3, 6, 2};
+        beside.pixels.assign(12, 1);
+        beside.mask = {3, 5, std::vector<uint8_t>(15, 1)};
+        beside.output = {-5, 3, 4, 2};
+        beside.image_row_gap = 1;
+        EXPECT_EQ(check_against_reference(v, beside), "");
+
         const Problem p = random_problem(v, rng);
         Call refused(p);
         refused.minmax->dim(1).extent = 0;
