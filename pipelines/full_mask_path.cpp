@@ -85,13 +85,14 @@ private:
 // Moves the path's row body into the variant: its output's names become the
 // stage's, the outer lets it keeps get names of their own, and the buffer
 // the second stage reads the first stage's samples from becomes the
-// variant's intermediate (an allocation of the variant, not an argument).
+// variant's intermediate (an allocation of the variant, not an argument);
+// the path's other parameters, such as its levels, become lets of the variant.
 class AdoptRowBody : public IRMutator {
 public:
     AdoptRowBody(std::string path, std::string output, std::string stage, Parameter stage_buffer,
-                 std::string intermediate, std::set<std::string> outer_lets)
+                 std::set<std::string> supplied, std::set<std::string> outer_lets)
         : path_(std::move(path)), output_(std::move(output)), stage_(std::move(stage)),
-          stage_buffer_(std::move(stage_buffer)), intermediate_(std::move(intermediate)),
+          stage_buffer_(std::move(stage_buffer)), supplied_(std::move(supplied)),
           outer_lets_(std::move(outer_lets)) {}
 
     // A name of the path's output as the stage's.
@@ -107,11 +108,11 @@ private:
     using IRMutator::visit;
     const std::string path_, output_, stage_;
     const Parameter stage_buffer_;
-    const std::string intermediate_;
+    const std::set<std::string> supplied_;
     const std::set<std::string> outer_lets_;
 
     Parameter adopted(const Parameter &param) const {
-        if (!param.defined() || param.name() == intermediate_) return Parameter();
+        if (!param.defined() || supplied_.count(param.name())) return Parameter();
         return param.name() == output_ ? stage_buffer_ : param;
     }
     Expr visit(const Variable *op) override { return Variable::make(op->type, rename(op->name), adopted(op->param)); }
@@ -188,7 +189,8 @@ public:
         std::map<std::string, Expr> fields;
         if (two_stage) fields = intermediate_fields(def);
 
-        FullMaskStage stage = define_full_mask_stage(filter, index, in, intermediate, path_);
+        FullMaskStage stage = define_full_mask_stage(filter, index, in, intermediate, path_, full_mask_max_columns);
+        levels_ = stage.levels.name();
         schedule_full_mask(stage, in, vw);
         Pipeline path(stage.result);
         Stmt lowered;
@@ -200,7 +202,7 @@ public:
         // Its folds down the columns step their addresses by the row stride.
         path.add_custom_lowering_pass(make_loop_steps_pass(""));
         path.add_custom_lowering_pass(new Capture(&lowered));
-        std::vector<Argument> arguments = {in.image, in.minmax, in.strel};
+        std::vector<Argument> arguments = {in.image, in.minmax, in.strel, stage.levels};
         if (index == 1) arguments.push_back(intermediate);
         path.compile_to_module(arguments, path_, target);
 
@@ -226,7 +228,7 @@ public:
         }
         Parameter stage_buffer;
         if (output_stage) stage_buffer = def.output().result.output_buffer().parameter();
-        AdoptRowBody adopt(path_, path_output, stage_, stage_buffer, intermediate_name, kept_names);
+        AdoptRowBody adopt(path_, path_output, stage_, stage_buffer, {intermediate_name, levels_}, kept_names);
         row_loop_ = adopt.rename(rows.loop->name);
         row_min_ = adopt.mutate(rows.loop->min);
         row_body_ = adopt.mutate(body);
@@ -244,7 +246,7 @@ private:
     const std::string path_, stage_, row_flag_;
     const bool flagged_;
     const Inputs &in_;
-    std::string row_loop_;
+    std::string row_loop_, levels_;
     Expr row_min_, width_;
     Stmt row_body_;
     std::vector<std::pair<std::string, Expr>> outer_lets_;
@@ -284,6 +286,9 @@ private:
         Stmt loop = For::make(op->name, op->min, op->extent, op->for_type, op->device_api, body);
         for (auto let = outer_lets_.rbegin(); let != outer_lets_.rend(); ++let)
             loop = LetStmt::make(let->first, let->second, loop);
+        // The levels of spans a window needs: floor(log2) of the mask's width.
+        Expr sx = cast<uint32_t>(strel_variable("extent.0"));
+        loop = LetStmt::make(levels_, 31 - cast<int>(count_leading_zeros(sx)), loop);
         return decide(taken, loop);
     }
 

@@ -48,29 +48,58 @@ void schedule_filter(const FilterDefinition &filter, const Inputs &in, int vw) {
 void schedule_full_mask(const FullMaskStage &stage, const Inputs &in, int vw) {
     // Rows in parallel; a row in chunks (the last one shifted inward), a chunk
     // in tiles of one vector. A chunk first folds the image columns it reaches
-    // over the mask's rows into its buffer, then each tile folds its columns
-    // of that buffer over the mask's columns in a register.
+    // over the mask's rows into its buffer; then each tile folds its vector of
+    // windows from those, or the chunk folds them into spans first.
     Var chunk("chunk"), column("column"), tile("tile"), lane("lane");
-    Func result = stage.result, columns = stage.columns, accumulator = stage.accumulator;
+    Func result = stage.result, columns = stage.columns, window = stage.window;
     result.parallel(y)
         .split(x, chunk, column, full_mask_chunk, TailStrategy::ShiftInwards)
         .split(column, tile, lane, vw)
         .vectorize(lane);
-    columns.compute_at(result, chunk).bound_extent(x, full_mask_chunk + full_mask_max_columns - 1);
+    columns.compute_at(result, chunk).bound_extent(x, buffer_columns);
     columns.vectorize(x, vw);
-    // Image rows 4 KB apart or more are folded one after another, each read
-    // along the chunk: down a column, rows at such strides share a few cache
-    // sets and evict each other (31 x 31 on 4096 x 4096, one thread: uint8
-    // 32.7 -> 15.7 ms, float32 235 -> 100 ms). Shorter rows fold each column
-    // down, which keeps the border chunks' tests out of the row loop (31 x 31
-    // uint8 on 512 x 512: 0.50 -> 0.33 ms).
-    Halide::Stage fold_down = columns.update();
-    fold_down.vectorize(x, vw);
-    const int sample_bytes = in.image.type().bytes();
-    fold_down.specialize(in.image.dim(1).stride() >= 4096 / sample_bytes).reorder(x, stage.rows);
-    fold_down.reorder(stage.rows, x);
-    accumulator.compute_at(result, tile).vectorize(x, vw);
-    accumulator.update().reorder(x, stage.cols).vectorize(x, vw);
+    if (!stage.folds_spans()) {
+        // Image rows 4 KB apart or more are folded one after another, each read
+        // along the chunk: down a column, rows at such strides share a few cache
+        // sets and evict each other (31 x 31 on 4096 x 4096, one thread: uint8
+        // 32.7 -> 15.7 ms). Shorter rows fold each column down, which keeps the
+        // border chunks' tests out of the row loop (31 x 31 uint8 on 512 x 512:
+        // 0.50 -> 0.33 ms).
+        Halide::Stage fold_down = columns.update();
+        fold_down.vectorize(x, vw);
+        const int sample_bytes = in.image.type().bytes();
+        fold_down.specialize(in.image.dim(1).stride() >= 4096 / sample_bytes).reorder(x, stage.rows);
+        fold_down.reorder(stage.rows, x);
+        // A tile's windows live in a register.
+        window.compute_at(result, tile).vectorize(x, vw);
+        window.update().reorder(x, stage.cols).vectorize(x, vw);
+        return;
+    }
+    // A float fold waits on the one before (a maximum's latency) and checks
+    // each sample: the mask's rows are folded into a block of column vectors
+    // at a time, rows inner, the block's vectors independent chains (a
+    // float32 31 x 31 dilation of 512 x 512 walking one vector down the rows
+    // took twice as long). The buffer's width is a whole number of blocks.
+    Var block("block"), in_block("in_block"), vector("vector");
+    static_assert(buffer_columns % (column_block_vectors * 64) == 0, "blocks of up to 64 lanes must tile the buffer");
+    columns.update()
+        .split(x, block, in_block, column_block_vectors * vw)
+        .split(in_block, vector, lane, vw)
+        .vectorize(lane)
+        .unroll(vector)
+        .reorder(lane, vector, stage.rows, block);
+    // Each count of levels is a loop nest of its own, which computes only the
+    // spans it reads; the spans live in stack buffers of a fixed size.
+    Var whole("whole");
+    window.compute_at(result, chunk).bound_extent(x, full_mask_chunk).split(x, whole, x, full_mask_chunk).vectorize(x, vw);
+    window.specialize(stage.levels <= one_by_one_levels);
+    for (int levels = one_by_one_levels + 1; levels < (int)stage.spans.size(); levels++)
+        window.specialize(stage.levels == levels);
+    window.specialize_fail("no count of span levels matched");
+    // A narrow window folds each vector over its columns in a register.
+    window.update().split(x, whole, x, full_mask_chunk).vectorize(x, vw).reorder(x, stage.cols, whole);
+    for (size_t l = 1; l < stage.spans.size(); l++)
+        Func(stage.spans[l]).compute_at(window, whole).bound_storage(x, buffer_columns).vectorize(x, vw, TailStrategy::ShiftInwards);
 }
 
 }  // namespace flatmorph

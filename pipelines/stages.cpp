@@ -153,36 +153,60 @@ Stage fold_stage(const StageRule &rule, const Inputs &in, const MaskGeometry &m)
 }  // namespace
 
 FullMaskStage define_full_mask_stage(const std::string &filter, size_t index, const Inputs &in,
-                                     const Halide::ImageParam &intermediate, const std::string &name) {
+                                     const Halide::ImageParam &intermediate, const std::string &name,
+                                     int max_columns) {
     // A chunk's column buffer has a fixed size and may reach past the columns
     // the chunk needs: its reads of the intermediate stay within the columns computed.
     const Sampler earlier = [intermediate](Expr a, Expr b) { return intermediate(a, b); };
     const Span computed{intermediate.dim(0).min(), intermediate.dim(0).min() + intermediate.dim(0).extent()};
     const StageRule rule = stage_rule(filter, index, in, earlier, computed);
     const MaskGeometry m(in);
-    // Each fold starts from its first sample rather than the identity, which
-    // is the same for these folds (the path needs a mask of one element at least).
-    FullMaskStage s{Func(name + "_columns"), Func(name + "_fold"), Func(name), RDom(1, m.sy - 1, name + "_rows"),
-                    RDom(1, m.sx - 1, name + "_cols")};
-    // The same offsets as the element-wise fold: reflected for a dilation.
+    Param<int> levels(name + "_levels");
+    const bool flagged = in.image.type().is_float();
+    FullMaskStage s{Func(name + "_columns"), {}, Func(name + "_window"), Func(name), RDom(1, m.sy - 1, name + "_rows"),
+                    RDom(1, flagged ? select(levels <= one_by_one_levels, m.sx - 1, 0) : m.sx - 1, name + "_cols"),
+                    levels};
     const Fold fold = rule.fold;
-    auto row = [&](Expr j) { return fold == Fold::Max ? y + m.cy - j : y + j - m.cy; };
-    auto column = [&](Expr k) { return fold == Fold::Max ? x + m.cx - k : x + k - m.cx; };
-    Expr first = rule.sample(x, row(0)), next = rule.sample(x, row(s.rows));
-    if (!in.image.type().is_float()) {
-        s.columns(x, y) = first;
-        s.columns(x, y) = fold_step(fold, s.columns(x, y), next);
-        s.accumulator(x, y) = s.columns(column(0), y);
-        s.accumulator(x, y) = fold_step(fold, s.accumulator(x, y), s.columns(column(s.cols), y));
-        s.result(x, y) = rule.finish(s.accumulator(x, y));
-        return s;
+    // Folds two samples: a float one is a Tuple of the value and its flag.
+    auto both = [&](const std::vector<Expr> &p, const std::vector<Expr> &q) -> Tuple {
+        if (!flagged) return Tuple(fold_step(fold, p[0], q[0]));
+        return Tuple(fold_step(fold, p[0], q[0]), max(p[1], q[1]));
+    };
+    auto sampled = [&](Expr v) -> std::vector<Expr> {
+        if (!flagged) return {v};
+        return {v, order_sensitive(v)};
+    };
+    auto at = [&](const Func &f, Expr a) -> std::vector<Expr> {
+        if (!flagged) return {f(a, y)};
+        return {f(a, y)[0], f(a, y)[1]};
+    };
+    // The same rows as the element-wise fold: reflected for a dilation. Each
+    // column starts from its first sample rather than the identity, which is
+    // the same for these folds (the path needs a mask of one element at least).
+    Expr first_row = fold == Fold::Max ? y + m.cy : y - m.cy;
+    Expr row = fold == Fold::Max ? y + m.cy - s.rows : y + s.rows - m.cy;
+    s.columns(x, y) = Tuple(sampled(rule.sample(x, first_row)));
+    s.columns(x, y) = both(at(s.columns, x), sampled(rule.sample(x, row)));
+
+    s.spans.push_back(s.columns);
+    // The levels a window of at most `max_columns` columns may need.
+    for (int l = 1; flagged && (1 << l) <= max_columns; l++) {
+        Func level(name + "_span" + std::to_string(l));
+        level(x, y) = both(at(s.spans.back(), x), at(s.spans.back(), x + (1 << (l - 1))));
+        s.spans.push_back(level);
     }
-    s.columns(x, y) = {first, order_sensitive(first)};
-    s.columns(x, y) = {fold_step(fold, s.columns(x, y)[0], next), max(s.columns(x, y)[1], order_sensitive(next))};
-    s.accumulator(x, y) = s.columns(column(0), y);
-    FuncRef folded = s.columns(column(s.cols), y);
-    s.accumulator(x, y) = {fold_step(fold, s.accumulator(x, y)[0], folded[0]), max(s.accumulator(x, y)[1], folded[1])};
-    s.result(x, y) = {rule.finish(s.accumulator(x, y)[0]), s.accumulator(x, y)[1]};
+    // The window's first column: reflected for a dilation. A narrow window
+    // folds its columns one by one; a wider one is the fold of two spans.
+    Expr lo = fold == Fold::Max ? x + m.cx - (m.sx - 1) : x - m.cx;
+    Tuple folded(at(s.columns, lo));
+    for (int l = one_by_one_levels + 1; l < (int)s.spans.size(); l++) {
+        const Tuple wider = both(at(s.spans[l], lo), at(s.spans[l], lo + m.sx - (1 << l)));
+        for (size_t i = 0; i < folded.size(); i++) folded[i] = select(s.levels == l, wider[i], folded[i]);
+    }
+    s.window(x, y) = folded;
+    s.window(x, y) = both(at(s.window, x), at(s.columns, lo + s.cols));
+    if (!flagged) s.result(x, y) = rule.finish(s.window(x, y));
+    else s.result(x, y) = {rule.finish(s.window(x, y)[0]), s.window(x, y)[1]};
     return s;
 }
 

@@ -59,20 +59,36 @@ extern const Halide::Var x, y;
 FilterDefinition define_filter(const std::string &filter, const Inputs &in);
 
 // Stage `index` of `filter` for a mask whose every element is active, folded
-// column first: `columns` folds each column over the mask's rows, and the
-// stage folds those column results over the mask's columns. The integer and
-// bool folds do not depend on the order of their samples. The float folds do
-// only through NaN and the sign of zero, so a float stage is a Tuple: its
-// value and a flag, 1 where a sample it folded is NaN or -0.0 (those samples
-// must be folded in their own order, element by element). The second stage
-// of a two-stage filter reads the first stage's samples from `intermediate`;
-// `result` is named `name`.
+// column first: `columns` folds each column over the mask's rows, and
+// `window` folds a mask's width of those columns, which `result` finishes.
+// A float window wider than 7 columns is the fold of two spans of 2^levels
+// columns at its ends, which overlap (`levels` is floor(log2 of the mask's
+// width), a parameter the path binds): `spans[l]` folds 2^l neighbouring
+// columns (spans[0] is `columns`, each level two halves of the one before).
+// Other windows fold their columns one by one (`cols`). The integer and bool
+// folds do not depend on the order or repetition of their samples. The float
+// folds do only through NaN and the sign of zero, so a float stage is a
+// Tuple: its value and a flag, 1 where a sample it folded is NaN or -0.0
+// (those samples must be folded in their own order, element by element). The
+// second stage of a two-stage filter reads the first stage's samples from
+// `intermediate`; `result` is named `name`.
 struct FullMaskStage {
-    Halide::Func columns, accumulator, result;
+    Halide::Func columns;
+    std::vector<Halide::Func> spans;
+    Halide::Func window, result;
     Halide::RDom rows, cols;
+    Halide::Param<int> levels;
+    // Whether the window folds spans where it is wide enough.
+    bool folds_spans() const { return spans.size() > 1; }
 };
+// Windows needing at most this many levels fold their columns one by one:
+// three passes of spans and their ends would cost more than the six folds
+// they save. An integer fold is one instruction, against a float's check
+// of each sample as well: measured, spans did not pay for integers.
+constexpr int one_by_one_levels = 2;
 FullMaskStage define_full_mask_stage(const std::string &filter, size_t index, const Inputs &in,
-                                     const Halide::ImageParam &intermediate, const std::string &name);
+                                     const Halide::ImageParam &intermediate, const std::string &name,
+                                     int max_columns);
 
 // Name of the output buffer of a filter ("dilate" for "imdilate", ...).
 std::string output_name(const std::string &filter);

@@ -4,6 +4,7 @@
 #include "let_chains.h"
 
 #include <string>
+#include <vector>
 
 using namespace Halide;
 using namespace Halide::Internal;
@@ -12,40 +13,112 @@ namespace flatmorph {
 
 namespace {
 
-// Whether `e` reads the vector that `store` writes, at the same place.
-bool reads_stored(const Expr &e, const Store *store) {
+// Whether `e` reads the vector of `buffer` at `index`.
+bool reads_stored(const Expr &e, const std::string &buffer, const Expr &index) {
     const Load *load = e.as<Load>();
-    return load && load->name == store->name && equal(load->index, store->index);
+    return load && load->name == buffer && equal(load->index, index);
 }
+
+// Whether an expression reads a buffer anywhere but at one index.
+class ReadsElsewhere : public IRVisitor {
+public:
+    ReadsElsewhere(std::string buffer, Expr index) : buffer_(std::move(buffer)), index_(std::move(index)) {}
+    bool found = false;
+
+private:
+    using IRVisitor::visit;
+    const std::string buffer_;
+    const Expr index_;
+    void visit(const Load *op) override {
+        found = found || (op->name == buffer_ && !equal(op->index, index_));
+        IRVisitor::visit(op);
+    }
+};
+
+bool reads_only_at(const Expr &e, const std::string &buffer, const Expr &index) {
+    ReadsElsewhere elsewhere(buffer, index);
+    e.accept(&elsewhere);
+    return !elsewhere.found;
+}
+
+// A straddling vector's fold down the rows in a register, and when to take it.
+struct RegisterFold {
+    Expr straddles;
+    Stmt fold;
+};
 
 class StraddlingColumns : public IRMutator {
     using IRMutator::visit;
     int buffers_ = 0;
 
-    // A loop over rows whose body (after its lets) folds one padded gather
-    // into the vector it stores: stored = max(stored, choice), or min.
+    // A loop over rows whose body (after its lets) folds padded gathers into
+    // the vectors it stores: stored = max(stored, choice), or min. A block of
+    // several such vectors (folded together) is split into a loop of its own
+    // for each where one of them straddles the edge.
     Stmt visit(const For *op) override {
         const LetChain chain(op->body);
-        const Store *store = chain.body.as<Store>();
-        if (op->for_type != ForType::Serial || !store || expr_uses_var(store->index, op->name))
-            return IRMutator::visit(op);
-        const Expr value = chain.substituted(store->value);
+        if (op->for_type != ForType::Serial) return IRMutator::visit(op);
+        if (chain.body.as<Store>()) {
+            const RegisterFold r = register_fold(op->name, op->min, op->extent, chain, chain.body.as<Store>());
+            return r.fold.defined() ? IfThenElse::make(r.straddles, r.fold, op) : Stmt(op);
+        }
+        std::vector<Stmt> vectors, loops;
+        if (!chain.body.as<Block>() || !stores_in_scope(chain.body, {}, &vectors)) return IRMutator::visit(op);
+        Expr any_straddles = const_false();
+        for (const Stmt &vector : vectors) {
+            Stmt own = For::make(op->name, op->min, op->extent, op->for_type, op->device_api, chain.around(vector));
+            const LetChain own_chain(own.as<For>()->body);
+            const Store *store = own_chain.body.as<Store>();
+            // Split apart, each vector must still find its own samples: none reads another's.
+            if (!reads_only_at(own_chain.substituted(store->value), store->name, own_chain.substituted(store->index)))
+                return IRMutator::visit(op);
+            const RegisterFold r = register_fold(op->name, op->min, op->extent, own_chain, store);
+            if (r.fold.defined()) any_straddles = any_straddles || r.straddles;
+            loops.push_back(r.fold.defined() ? IfThenElse::make(r.straddles, r.fold, own) : own);
+        }
+        if (is_const_zero(any_straddles)) return op;
+        return IfThenElse::make(any_straddles, Block::make(loops), op);
+    }
+
+    // Each store of a block, inside the lets that reach it (`scope`), into
+    // `stores`; false where the block holds anything but lets and stores.
+    static bool stores_in_scope(const Stmt &s, std::vector<const LetStmt *> scope, std::vector<Stmt> *stores) {
+        if (const LetStmt *let = s.as<LetStmt>()) {
+            scope.push_back(let);
+            return stores_in_scope(let->body, scope, stores);
+        }
+        if (const Block *block = s.as<Block>())
+            return stores_in_scope(block->first, scope, stores) && stores_in_scope(block->rest, scope, stores);
+        if (!s.as<Store>()) return false;
+        Stmt wrapped = s;
+        for (auto let = scope.rbegin(); let != scope.rend(); ++let) wrapped = LetStmt::make((*let)->name, (*let)->value, wrapped);
+        stores->push_back(wrapped);
+        return true;
+    }
+
+    // The register fold of `store`, folded in the loop over `row` inside
+    // `chain`, or nothing where it does not qualify.
+    RegisterFold register_fold(const std::string &row, const Expr &row_min, const Expr &row_extent,
+                               const LetChain &chain, const Store *store) {
+        // The row's lets are not kept around the folded vector's placement.
+        const Expr value = chain.substituted(store->value), index = chain.substituted(store->index);
+        if (expr_uses_var(index, row)) return {};
         PaddedGather g;
         if (!find_padded_gather(value, &g) || !g.choice->type.is_int_or_uint() || g.choice->type.bits() < 8 ||
             !equal(g.choice->true_value, Expr(g.gather)))
-            return op;
+            return {};
         // Only the row may change along the loop: not the columns, the lane tests or the pad.
         const Select *choice = g.choice;
         for (const Expr &e : {g.start, g.lo, g.hi, choice->condition, choice->false_value})
-            if (expr_uses_var(e, op->name)) return op;
+            if (expr_uses_var(e, row)) return {};
         const Max *max_fold = value.as<Max>();
         const Min *min_fold = value.as<Min>();
-        if (!max_fold && !min_fold) return op;
+        if (!max_fold && !min_fold) return {};
         Expr a = max_fold ? max_fold->a : min_fold->a, b = max_fold ? max_fold->b : min_fold->b;
-        Expr stored = reads_stored(a, store) && b.same_as(Expr(choice))   ? a
-                      : reads_stored(b, store) && a.same_as(Expr(choice)) ? b
-                                                                           : Expr();
-        if (!stored.defined()) return op;
+        Expr stored = reads_stored(a, store->name, index) && b.same_as(Expr(choice))   ? a
+                      : reads_stored(b, store->name, index) && a.same_as(Expr(choice)) ? b
+                                                                                       : Expr();
+        if (!stored.defined()) return {};
         auto fold = [&](Expr p, Expr q) { return max_fold ? max(p, q) : min(p, q); };
 
         // The vectors just inside the edge, folded down the rows in a stack
@@ -60,20 +133,20 @@ class StraddlingColumns : public IRMutator {
         Expr folded_so_far =
             Load::make(choice->type, folded, whole, Buffer<>(), Parameter(), const_true(lanes), ModulusRemainder());
         Expr just_inside = load_just_inside(g);
-        Stmt first = fold_into(substitute(op->name, op->min, just_inside));
-        Stmt rest = For::make(op->name, op->min + 1, op->extent - 1, op->for_type, op->device_api,
+        Stmt first = fold_into(substitute(row, row_min, just_inside));
+        Stmt rest = For::make(row, row_min + 1, row_extent - 1, ForType::Serial, DeviceAPI::None,
                               fold_into(fold(folded_so_far, just_inside)));
         Stmt place = with_window(g, folded_so_far, window, [&](const Expr &in_window) {
             Expr chosen = select(choice->condition, in_window, choice->false_value);
-            return Store::make(store->name, fold(stored, chosen), store->index, store->param, store->predicate,
+            return Store::make(store->name, fold(stored, chosen), index, store->param, store->predicate,
                                store->alignment);
         });
         Stmt register_fold = Allocate::make(folded, choice->type.element_of(), MemoryType::Stack, {lanes},
                                             const_true(), Block::make({first, rest, place}));
 
         Expr start = cast<int64_t>(g.start), lo = cast<int64_t>(g.lo), hi = cast<int64_t>(g.hi);
-        Expr straddles = (start < lo || start + (lanes - 1) > hi) && hi - lo + 1 >= lanes && op->extent >= 1;
-        return IfThenElse::make(straddles, register_fold, op);
+        Expr straddles = (start < lo || start + (lanes - 1) > hi) && hi - lo + 1 >= lanes && row_extent >= 1;
+        return {straddles, register_fold};
     }
 };
 

@@ -85,11 +85,20 @@ Problem random_problem(const Variant &v, std::mt19937 &rng) {
     if (full_mask) {
         // Squares, rectangles and lines, up to just past the widest mask the
         // column-first path takes (65 columns).
-        p.mask.sx = one_of<int>(rng, {1, 3, 5, 9, 21, 64, 65, 66, pick(rng, 1, 70)});
+        // (Float windows of 8 columns and more fold by spans: each count of levels.)
+        p.mask.sx = one_of<int>(rng, {1, 3, 5, 8, 9, 15, 16, 21, 31, 32, 64, 65, 66, pick(rng, 1, 70)});
         p.mask.sy = one_of<int>(rng, {1, 2, 3, 3, 5, 7, pick(rng, 1, p.image.h + 3)});
         p.mask.bytes.assign(static_cast<size_t>(p.mask.sx * p.mask.sy), 1);
         // Image rows 4 KB apart and more, which the column-first path folds in another order.
         if (pick(rng, 0, 1)) p.image_row_gap = 4096 / v.elem->bytes;
+        // Floats with a NaN or -0.0 or two, so that most windows hold none
+        // (they fold fast) and some hold one, at any place in the window.
+        if (v.elem->is_float() && pick(rng, 0, 1)) {
+            for (double &sample : p.pixels) sample = pick(rng, -20, 20) * 0.5;
+            for (int planted = pick(rng, 0, 2); planted > 0; planted--)
+                p.pixels[static_cast<size_t>(pick(rng, 0, static_cast<int>(p.pixels.size()) - 1))] =
+                    one_of<double>(rng, {nan, -0.0});
+        }
     }
 
     p.low_pad = random_pad(*v.elem, rng);
