@@ -10,9 +10,14 @@ namespace {
 bool is_gather(const Load *op) { return op->type.is_vector() && !op->index.as<Ramp>(); }
 
 // The gathered load a sample is, perhaps converted (bool images are read as
-// bytes), or null.
+// bytes) or marked strict (a float sample folded by arithmetic), or null.
 const Load *gathered_load(Expr e) {
-    while (const Cast *c = e.as<Cast>()) e = c->value;
+    for (;;) {
+        const Call *strict = Call::as_intrinsic(e, {Call::strict_float});
+        if (const Cast *c = e.as<Cast>()) e = c->value;
+        else if (strict) e = strict->args[0];
+        else break;
+    }
     const Load *load = e.as<Load>();
     return load && is_gather(load) ? load : nullptr;
 }

@@ -81,7 +81,7 @@ void schedule_full_mask(const FullMaskStage &stage, const Inputs &in, int vw) {
     // float32 31 x 31 dilation of 512 x 512 walking one vector down the rows
     // took twice as long). The buffer's width is a whole number of blocks.
     Var block("block"), in_block("in_block"), vector("vector");
-    static_assert(buffer_columns % (column_block_vectors * 64) == 0, "blocks of up to 64 lanes must tile the buffer");
+    static_assert(buffer_columns % (column_block_vectors * 16) == 0, "blocks of up to 16 lanes must tile the buffer");
     columns.update()
         .split(x, block, in_block, column_block_vectors * vw)
         .split(in_block, vector, lane, vw)

@@ -24,7 +24,7 @@ constexpr int full_mask_max_columns = 65;
 // Columns of a chunk's stack buffers: its own and a mask's reach past them.
 constexpr int buffer_columns = full_mask_chunk + full_mask_max_columns - 1;
 // Column vectors a float stage folds down the mask's rows together (see schedule_full_mask).
-constexpr int column_block_vectors = 5;
+constexpr int column_block_vectors = 4;
 
 void schedule_full_mask(const FullMaskStage &stage, const Inputs &in, int vector_width);
 

@@ -172,10 +172,6 @@ FullMaskStage define_full_mask_stage(const std::string &filter, size_t index, co
         if (!flagged) return Tuple(fold_step(fold, p[0], q[0]));
         return Tuple(fold_step(fold, p[0], q[0]), max(p[1], q[1]));
     };
-    auto sampled = [&](Expr v) -> std::vector<Expr> {
-        if (!flagged) return {v};
-        return {v, order_sensitive(v)};
-    };
     auto at = [&](const Func &f, Expr a) -> std::vector<Expr> {
         if (!flagged) return {f(a, y)};
         return {f(a, y)[0], f(a, y)[1]};
@@ -185,10 +181,30 @@ FullMaskStage define_full_mask_stage(const std::string &filter, size_t index, co
     // the same for these folds (the path needs a mask of one element at least).
     Expr first_row = fold == Fold::Max ? y + m.cy : y - m.cy;
     Expr row = fold == Fold::Max ? y + m.cy - s.rows : y + s.rows - m.cy;
-    s.columns(x, y) = Tuple(sampled(rule.sample(x, first_row)));
-    s.columns(x, y) = both(at(s.columns, x), sampled(rule.sample(x, row)));
-
-    s.spans.push_back(s.columns);
+    Expr first = rule.sample(x, first_row), next = rule.sample(x, row);
+    if (!flagged) {
+        s.columns(x, y) = first;
+        s.columns(x, y) = fold_step(fold, s.columns(x, y), next);
+        s.spans.push_back(s.columns);
+    } else {
+        // A float column gathers what its flag needs in two instructions a
+        // sample: the sum of its samples, NaN where one is (or where
+        // infinities of both signs meet, a row then folded again for
+        // nothing), and a word with bits set where one is -0.0.
+        const Type word = UInt(in.image.type().bits());
+        auto negative_zero = [&](Expr v) {
+            return select(reinterpret(word, v) == (Internal::make_one(word) << (word.bits() - 1)), word.max(),
+                          Internal::make_zero(word));
+        };
+        FuncRef c = s.columns(x, y);
+        s.columns(x, y) = {first, first, negative_zero(first)};
+        s.columns(x, y) = {fold_step(fold, c[0], next), strict_float(c[1] + next), c[2] | negative_zero(next)};
+        Func checked(name + "_checked");
+        checked(x, y) = {s.columns(x, y)[0],
+                         select(is_nan(s.columns(x, y)[1]) || s.columns(x, y)[2] != 0, Internal::make_one(word),
+                                Internal::make_zero(word))};
+        s.spans.push_back(checked);
+    }
     // The levels a window of at most `max_columns` columns may need.
     for (int l = 1; flagged && (1 << l) <= max_columns; l++) {
         Func level(name + "_span" + std::to_string(l));
@@ -198,13 +214,13 @@ FullMaskStage define_full_mask_stage(const std::string &filter, size_t index, co
     // The window's first column: reflected for a dilation. A narrow window
     // folds its columns one by one; a wider one is the fold of two spans.
     Expr lo = fold == Fold::Max ? x + m.cx - (m.sx - 1) : x - m.cx;
-    Tuple folded(at(s.columns, lo));
+    Tuple folded(at(s.spans[0], lo));
     for (int l = one_by_one_levels + 1; l < (int)s.spans.size(); l++) {
         const Tuple wider = both(at(s.spans[l], lo), at(s.spans[l], lo + m.sx - (1 << l)));
         for (size_t i = 0; i < folded.size(); i++) folded[i] = select(s.levels == l, wider[i], folded[i]);
     }
     s.window(x, y) = folded;
-    s.window(x, y) = both(at(s.window, x), at(s.columns, lo + s.cols));
+    s.window(x, y) = both(at(s.window, x), at(s.spans[0], lo + s.cols));
     if (!flagged) s.result(x, y) = rule.finish(s.window(x, y));
     else s.result(x, y) = {rule.finish(s.window(x, y)[0]), s.window(x, y)[1]};
     return s;

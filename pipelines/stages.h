@@ -64,13 +64,14 @@ FilterDefinition define_filter(const std::string &filter, const Inputs &in);
 // A float window wider than 7 columns is the fold of two spans of 2^levels
 // columns at its ends, which overlap (`levels` is floor(log2 of the mask's
 // width), a parameter the path binds): `spans[l]` folds 2^l neighbouring
-// columns (spans[0] is `columns`, each level two halves of the one before).
+// columns (spans[0] is the columns, each level two halves of the one before).
 // Other windows fold their columns one by one (`cols`). The integer and bool
 // folds do not depend on the order or repetition of their samples. The float
 // folds do only through NaN and the sign of zero, so a float stage is a
-// Tuple: its value and a flag, 1 where a sample it folded is NaN or -0.0
-// (those samples must be folded in their own order, element by element). The
-// second stage of a two-stage filter reads the first stage's samples from
+// Tuple: its value and a flag, 1 where a sample it folded may be NaN or -0.0
+// (those samples must be folded in their own order, element by element; a
+// float column also keeps what its flag is worked out from). The second
+// stage of a two-stage filter reads the first stage's samples from
 // `intermediate`; `result` is named `name`.
 struct FullMaskStage {
     Halide::Func columns;
