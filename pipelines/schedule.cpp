@@ -91,15 +91,22 @@ void schedule_full_mask(const FullMaskStage &stage, const Inputs &in, int vw) {
     // Each count of levels is a loop nest of its own, which computes only the
     // spans it reads; the spans live in stack buffers of a fixed size.
     Var whole("whole");
-    window.compute_at(result, chunk).bound_extent(x, full_mask_chunk).split(x, whole, x, full_mask_chunk).vectorize(x, vw);
+    window.compute_at(result, chunk)
+        .bound_extent(x, full_mask_chunk)
+        .split(x, whole, x, full_mask_chunk)
+        .vectorize(x, vw);
     window.specialize(stage.levels <= one_by_one_levels);
     for (int levels = one_by_one_levels + 1; levels < (int)stage.spans.size(); levels++)
         window.specialize(stage.levels == levels);
     window.specialize_fail("no count of span levels matched");
     // A narrow window folds each vector over its columns in a register.
     window.update().split(x, whole, x, full_mask_chunk).vectorize(x, vw).reorder(x, stage.cols, whole);
-    for (size_t l = 1; l < stage.spans.size(); l++)
-        Func(stage.spans[l]).compute_at(window, whole).bound_storage(x, buffer_columns).vectorize(x, vw, TailStrategy::ShiftInwards);
+    for (size_t l = 1; l < stage.spans.size(); l++) {
+        Func span = stage.spans[l];
+        span.compute_at(window, whole)
+            .bound_storage(x, buffer_columns)
+            .vectorize(x, vw, TailStrategy::ShiftInwards);
+    }
 }
 
 }  // namespace flatmorph

@@ -187,7 +187,7 @@ FullMaskStage define_full_mask_stage(const std::string &filter, size_t index, co
         s.columns(x, y) = fold_step(fold, s.columns(x, y), next);
         s.spans.push_back(s.columns);
     } else {
-        // A float column gathers what its flag needs in two instructions a
+        // A float column gathers what its flag needs in three instructions a
         // sample: the sum of its samples, NaN where one is (or where
         // infinities of both signs meet, a row then folded again for
         // nothing), and a word with bits set where one is -0.0.

@@ -91,7 +91,8 @@ class StraddlingColumns : public IRMutator {
             return stores_in_scope(block->first, scope, stores) && stores_in_scope(block->rest, scope, stores);
         if (!s.as<Store>()) return false;
         Stmt wrapped = s;
-        for (auto let = scope.rbegin(); let != scope.rend(); ++let) wrapped = LetStmt::make((*let)->name, (*let)->value, wrapped);
+        for (auto let = scope.rbegin(); let != scope.rend(); ++let)
+            wrapped = LetStmt::make((*let)->name, (*let)->value, wrapped);
         stores->push_back(wrapped);
         return true;
     }
