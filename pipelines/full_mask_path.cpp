@@ -286,9 +286,11 @@ private:
         Stmt loop = For::make(op->name, op->min, op->extent, op->for_type, op->device_api, body);
         for (auto let = outer_lets_.rbegin(); let != outer_lets_.rend(); ++let)
             loop = LetStmt::make(let->first, let->second, loop);
-        // The levels of spans a window needs: floor(log2) of the mask's width.
-        Expr sx = cast<uint32_t>(strel_variable("extent.0"));
-        loop = LetStmt::make(levels_, 31 - cast<int>(count_leading_zeros(sx)), loop);
+        // The levels of spans a window needs, where it folds spans: floor(log2) of the mask's width.
+        if (stmt_uses_var(loop, levels_)) {
+            Expr sx = cast<uint32_t>(strel_variable("extent.0"));
+            loop = LetStmt::make(levels_, 31 - cast<int>(count_leading_zeros(sx)), loop);
+        }
         return decide(taken, loop);
     }
 
