@@ -155,7 +155,14 @@ bool clamped_window(const Load *gather, ClampedWindow *w) {
 }
 
 class BorderLoads : public IRMutator {
+public:
+    explicit BorderLoads(const Target &target) : masked_loads_(target.has_feature(Target::AVX)) {}
+
+private:
     using IRMutator::visit;
+    // AVX loads a vector of 32- or 64-bit lanes under a mask of lanes, and
+    // never touches the lanes left out.
+    const bool masked_loads_;
     int windows_ = 0;
 
     // `with` holds a padded gather over a window of columns clamped to the
@@ -186,6 +193,17 @@ class BorderLoads : public IRMutator {
         Expr row_inside = simplify(Shuffle::make_extract_element(choice->condition, 0));
         Expr all_inside = start >= lo && start + (lanes - 1) <= hi && row_inside;
         Stmt whole = using_value(DenseLoad(Dense::as_is).mutate(choice->true_value));
+        const int lane_bits = gather->type.bits();
+        if (masked_loads_ && (lane_bits == 32 || lane_bits == 64)) {
+            // The lanes inside load their own columns, the others nothing.
+            const Expr dense_load = as_dense_load(Expr(gather));
+            const Load *dense = dense_load.as<Load>();
+            Expr masked = Load::make(dense->type, dense->name, dense->index, dense->image, dense->param,
+                                     choice->condition, dense->alignment);
+            Stmt straddling = using_value(
+                select(choice->condition, substitute(Expr(gather), masked, choice->true_value), choice->false_value));
+            return IfThenElse::make(all_inside, whole, straddling);
+        }
 
         const std::string buffer = "border_window$" + std::to_string(windows_++);
         Stmt windowed = with_window(w, load_just_inside(w), buffer, [&](const Expr &window) {
@@ -242,6 +260,6 @@ Stmt with_window(const PaddedGather &g, const Expr &just_inside, const std::stri
     return Allocate::make(buffer, t, MemoryType::Stack, {3 * lanes}, const_true(), Block::make(fill, use(window)));
 }
 
-IRMutator *make_border_loads_pass() { return new BorderLoads(); }
+IRMutator *make_border_loads_pass(const Target &target) { return new BorderLoads(target); }
 
 }  // namespace flatmorph

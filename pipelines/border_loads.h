@@ -10,7 +10,11 @@
 // whole-vector load instead. When some are outside, the vector of columns
 // just inside the edge is loaded whole into a small stack buffer, placed so
 // that each lane finds its own column there, and the lanes inside read it
-// from the buffer. The values are the same either way.
+// from the buffer. Under AVX, lanes of 32 or 64 bits instead load under a
+// mask of the lanes inside, which touches no other column and needs no
+// buffer: the reload from the buffer waits for its store (store forwarding
+// fails on the shifted read), and a float column fold pays that three times
+// a row, once for each part of its Tuple. The values are the same either way.
 #pragma once
 
 #include <Halide.h>
@@ -20,7 +24,7 @@
 
 namespace flatmorph {
 
-Halide::Internal::IRMutator *make_border_loads_pass();
+Halide::Internal::IRMutator *make_border_loads_pass(const Halide::Target &target);
 
 // A lane-wise choice select(inside, gathered sample, pad) whose gather reads
 // the clamped columns [start, start + lanes) of one row, clamped into [lo, hi].

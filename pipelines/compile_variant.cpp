@@ -74,7 +74,7 @@ int compile_variant(const std::string &filter_name, const std::string &type, con
     pipeline.add_custom_lowering_pass(make_frame_pass(filter, in, vw), nullptr);
     pipeline.add_custom_lowering_pass(make_tile_jam_pass(tiles_in_flight(vw), vw), nullptr);
     pipeline.add_custom_lowering_pass(make_border_windows_pass(), nullptr);
-    pipeline.add_custom_lowering_pass(make_border_loads_pass(), nullptr);
+    pipeline.add_custom_lowering_pass(make_border_loads_pass(target), nullptr);
     pipeline.add_custom_lowering_pass(make_lane_tests_pass(), nullptr);
     // A full mask may fold column first, each stage on its own.
     for (size_t stage = 0; stage < filter.stages.size(); stage++)

@@ -197,7 +197,7 @@ public:
         // Its border chunks fold with whole-vector loads where they can, as the
         // element-wise path does, down the rows in a register where they straddle the edge.
         path.add_custom_lowering_pass(make_straddling_columns_pass());
-        path.add_custom_lowering_pass(make_border_loads_pass());
+        path.add_custom_lowering_pass(make_border_loads_pass(target));
         path.add_custom_lowering_pass(make_lane_tests_pass());
         // Its folds down the columns step their addresses by the row stride.
         path.add_custom_lowering_pass(make_loop_steps_pass(""));
