@@ -45,7 +45,7 @@ void schedule_filter(const FilterDefinition &filter, const Inputs &in, int vw) {
     }
 }
 
-void schedule_full_mask(const FullMaskStage &stage, const Inputs &in, int vw) {
+void schedule_full_mask(const FullMaskStage &stage, const Inputs &in, int vw, int chunk_columns) {
     // Rows in parallel; a row in chunks (the last one shifted inward), a chunk
     // in tiles of one vector. A chunk first folds the image columns it reaches
     // over the mask's rows into its buffer; then each tile folds its vector of
@@ -53,10 +53,10 @@ void schedule_full_mask(const FullMaskStage &stage, const Inputs &in, int vw) {
     Var chunk("chunk"), column("column"), tile("tile"), lane("lane");
     Func result = stage.result, columns = stage.columns, window = stage.window;
     result.parallel(y)
-        .split(x, chunk, column, full_mask_chunk, TailStrategy::ShiftInwards)
+        .split(x, chunk, column, chunk_columns, TailStrategy::ShiftInwards)
         .split(column, tile, lane, vw)
         .vectorize(lane);
-    columns.compute_at(result, chunk).bound_extent(x, buffer_columns);
+    columns.compute_at(result, chunk).bound_extent(x, buffer_columns(chunk_columns));
     columns.vectorize(x, vw);
     if (!stage.folds_spans()) {
         // Image rows 4 KB apart or more are folded one after another, each read
@@ -81,7 +81,9 @@ void schedule_full_mask(const FullMaskStage &stage, const Inputs &in, int vw) {
     // float32 31 x 31 dilation of 512 x 512 walking one vector down the rows
     // took twice as long). The buffer's width is a whole number of blocks.
     Var block("block"), in_block("in_block"), vector("vector");
-    static_assert(buffer_columns % (column_block_vectors * 16) == 0, "blocks of up to 16 lanes must tile the buffer");
+    static_assert(buffer_columns(full_mask_chunk) % (column_block_vectors * 16) == 0 &&
+                      buffer_columns(full_mask_wide_chunk) % (column_block_vectors * 16) == 0,
+                  "blocks of up to 16 lanes must tile the buffer");
     columns.update()
         .split(x, block, in_block, column_block_vectors * vw)
         .split(in_block, vector, lane, vw)
@@ -92,19 +94,19 @@ void schedule_full_mask(const FullMaskStage &stage, const Inputs &in, int vw) {
     // spans it reads; the spans live in stack buffers of a fixed size.
     Var whole("whole");
     window.compute_at(result, chunk)
-        .bound_extent(x, full_mask_chunk)
-        .split(x, whole, x, full_mask_chunk)
+        .bound_extent(x, chunk_columns)
+        .split(x, whole, x, chunk_columns)
         .vectorize(x, vw);
     window.specialize(stage.levels <= one_by_one_levels);
     for (int levels = one_by_one_levels + 1; levels < (int)stage.spans.size(); levels++)
         window.specialize(stage.levels == levels);
     window.specialize_fail("no count of span levels matched");
     // A narrow window folds each vector over its columns in a register.
-    window.update().split(x, whole, x, full_mask_chunk).vectorize(x, vw).reorder(x, stage.cols, whole);
+    window.update().split(x, whole, x, chunk_columns).vectorize(x, vw).reorder(x, stage.cols, whole);
     for (size_t l = 1; l < stage.spans.size(); l++) {
         Func span = stage.spans[l];
         span.compute_at(window, whole)
-            .bound_storage(x, buffer_columns)
+            .bound_storage(x, buffer_columns(chunk_columns))
             .vectorize(x, vw, TailStrategy::ShiftInwards);
     }
 }

@@ -33,7 +33,8 @@ INSTANTIATE_TEST_SUITE_P(AllVariants, Sweep, testing::ValuesIn(all_variants()), 
 // left): of +0.0 and -0.0 the last visited wins, a NaN stands only when last.
 // One or two specials on a background (and special pads): as the output runs
 // over and past the image, each meets every active element of the mask. Whole
-// masks for paths that fold them another way, rows of 300 for those from 256.
+// masks for paths that fold them another way, rows of 300 for those from 256
+// columns and of 600 for the wider chunks taken from 512.
 TEST(FloatFoldOrder, MultiRowMasksMatchReferenceModel) {
     const std::vector<std::pair<int, std::vector<uint8_t>>> masks = {
         {3, {1, 1, 1, 1, 1, 1, 1, 1, 1}},                    // 3 x 3, whole
@@ -49,14 +50,14 @@ TEST(FloatFoldOrder, MultiRowMasksMatchReferenceModel) {
     };
     for (const Variant &v : runnable_variants())
         for (const auto &[sx, bytes] : masks)
-            for (int width : {5, v.vw() + 3, 300})  // narrow, one lane wider than a vector, long rows
+            for (int width : {5, v.vw() + 3, 300, 600})  // narrow, one lane wider than a vector, long rows
                 for (double background : {0.0, -0.0, 1.0})
                     for (double first : {kNaN, -0.0, 0.0})
                         for (double second : {kNaN, -0.0, 0.0, background}) {
                             const bool whole = std::count(bytes.begin(), bytes.end(), 1) == long(bytes.size());
                             const bool zero = background == 0.0 && !std::signbit(background);
-                            if (!v.elem->is_float() || (width == 300 && !(whole && zero))) continue;
-                            const int sy = static_cast<int>(bytes.size()) / sx, at = width == 300 ? 150 : 2;
+                            if (!v.elem->is_float() || (width >= 300 && !(whole && zero))) continue;
+                            const int sy = static_cast<int>(bytes.size()) / sx, at = width >= 300 ? width / 2 : 2;
                             Problem p{v.elem, v.filter, {-1, 2, width, 5}, std::vector<double>(width * 5, background),
                                       second, second, {sx, sy, bytes}, {-4, -1, width + 6, 11}};
                             p.pixels[2 * width + at] = first;  // a column of the middle row

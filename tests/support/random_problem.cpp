@@ -56,9 +56,10 @@ Problem random_problem(const Variant &v, std::mt19937 &rng) {
                                   pick(rng, 4 * vw, 320 + 4 * vw)});
     p.image.w = std::max(p.image.w, 1);
     // Now and then a mask with every element active on an image and an output
-    // of about 256 columns and more, which the integer filters fold column first.
+    // of about 256 columns and more, which the integer filters fold column first
+    // (float stages 512 columns wide and more walk wider chunks).
     const bool full_mask = pick(rng, 0, 5) == 0;
-    if (full_mask) p.image.w = pick(rng, 256, 520);
+    if (full_mask) p.image.w = pick(rng, 0, 1) ? pick(rng, 256, 520) : pick(rng, 500, 1040);
     p.image.h = pick(rng, 1, 9);
     if (pick(rng, 0, 2) > 0) {
         p.image.x0 = pick(rng, -6, 6);
