@@ -34,7 +34,7 @@ INSTANTIATE_TEST_SUITE_P(AllVariants, Sweep, testing::ValuesIn(all_variants()), 
 // One or two specials on a background (and special pads): as the output runs
 // over and past the image, each meets every active element of the mask. Whole
 // masks for paths that fold them another way, rows of 300 for those from 256
-// columns and of 600 for the wider chunks taken from 512.
+// columns and of 600 for the wider chunks floats take from 512 (9 x 9 masks on).
 TEST(FloatFoldOrder, MultiRowMasksMatchReferenceModel) {
     const std::vector<std::pair<int, std::vector<uint8_t>>> masks = {
         {3, {1, 1, 1, 1, 1, 1, 1, 1, 1}},                    // 3 x 3, whole
@@ -57,6 +57,7 @@ TEST(FloatFoldOrder, MultiRowMasksMatchReferenceModel) {
                             const bool whole = std::count(bytes.begin(), bytes.end(), 1) == long(bytes.size());
                             const bool zero = background == 0.0 && !std::signbit(background);
                             if (!v.elem->is_float() || (width >= 300 && !(whole && zero))) continue;
+                            if (width == 600 && bytes.size() < 81) continue;  // the narrower masks fold element by element
                             const int sy = static_cast<int>(bytes.size()) / sx, at = width >= 300 ? width / 2 : 2;
                             Problem p{v.elem, v.filter, {-1, 2, width, 5}, std::vector<double>(width * 5, background),
                                       second, second, {sx, sy, bytes}, {-4, -1, width + 6, 11}};

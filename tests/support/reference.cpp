@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <functional>
 #include <limits>
-#include <map>
 #include <memory>
 #include <stdexcept>
+#include <unordered_map>
 
 namespace fmtest {
 
@@ -126,11 +126,12 @@ Source padded_image(const Problem &p, double pad) {
 
 // A first stage, evaluated on demand and remembered.
 Source memoized(Source stage) {
-    auto cache = std::make_shared<std::map<std::pair<int, int>, double>>();
+    auto cache = std::make_shared<std::unordered_map<uint64_t, double>>();
     return [cache, stage](int a, int b) {
-        auto found = cache->find({a, b});
+        const uint64_t key = uint64_t(uint32_t(a)) << 32 | uint32_t(b);
+        auto found = cache->find(key);
         if (found != cache->end()) return found->second;
-        return (*cache)[{a, b}] = stage(a, b);
+        return (*cache)[key] = stage(a, b);
     };
 }
 
