@@ -169,12 +169,14 @@ private:
     // image's (or an earlier stage's): test its lanes at once by the window's
     // two ends and its row, and where all are inside use the same statement
     // with a whole-vector load. Otherwise, on a tile that straddles the edge,
-    // the vector of columns just inside the bounds is loaded whole into a
-    // small stack buffer at the place it has in the window, and the lanes
-    // inside read it from there: each lane holds the same sample as its
-    // clamped load gives, and the pad is chosen as before. The ends are judged
-    // in 64 bits: lanes whose columns wrap around 32 bits are not inside,
-    // however the wrapped numbers compare.
+    // the lanes inside load their own columns under a mask where the target
+    // can (AVX, lanes of 32 or 64 bits); elsewhere the vector of columns just
+    // inside the bounds is loaded whole into a small stack buffer at the
+    // place it has in the window, and the lanes inside read it from there.
+    // Each lane holds the same sample as its clamped load gives, and the pad
+    // is chosen as before. The ends are judged in 64 bits: lanes whose
+    // columns wrap around 32 bits are not inside, however the wrapped
+    // numbers compare.
     template <typename MakeStmt>
     Stmt both_ways(Expr with, MakeStmt make) {
         FindPaddedGather finder;
@@ -195,7 +197,6 @@ private:
         Stmt whole = using_value(DenseLoad(Dense::as_is).mutate(choice->true_value));
         const int lane_bits = gather->type.bits();
         if (masked_loads_ && (lane_bits == 32 || lane_bits == 64)) {
-            // The lanes inside load their own columns, the others nothing.
             const Expr dense_load = as_dense_load(Expr(gather));
             const Load *dense = dense_load.as<Load>();
             Expr masked = Load::make(dense->type, dense->name, dense->index, dense->image, dense->param,

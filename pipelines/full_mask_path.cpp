@@ -199,7 +199,7 @@ public:
         std::map<std::string, Expr> fields;
         if (two_stage) fields = intermediate_fields(def);
         auto lower = [&](const std::string &name, int chunk) {
-            return lower_path(filter, index, def, intermediate, fields, name, chunk, vw, target);
+            return lower_path(filter, index, output_stage, def, intermediate, fields, name, chunk, vw, target);
         };
         paths_.push_back(lower(path_, full_mask_chunk));
         // Float stages at least a wide chunk wide take wide chunks: fewer
@@ -221,10 +221,9 @@ private:
     bool done_ = false;
 
     // Compiles the path named `name` with chunks of `chunk` columns and takes its row body.
-    LoweredPath lower_path(const std::string &filter, size_t index, const FilterDefinition &def,
+    LoweredPath lower_path(const std::string &filter, size_t index, bool output_stage, const FilterDefinition &def,
                            const ImageParam &intermediate, const std::map<std::string, Expr> &fields,
                            const std::string &name, int chunk, int vw, const Target &target) const {
-        const bool output_stage = index + 1 == def.stages.size();
         FullMaskStage stage = define_full_mask_stage(filter, index, in_, intermediate, name, full_mask_max_columns);
         schedule_full_mask(stage, in_, vw, chunk);
         Pipeline path(stage.result);

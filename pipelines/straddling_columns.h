@@ -11,9 +11,9 @@
 // do not change from row to row, this pass folds the vectors just inside
 // the edge down the rows in a register, and shifts the folded vector into
 // place once (a block of vectors folded down the rows together is split
-// into a loop for each vector, where one of them straddles). The fold is a maximum or minimum of integers, which commutes
-// with moving lanes: lanes inside get the same samples as before, lanes
-// outside the pad as before. Float folds (which also gather flags) and
+// into a loop for each vector, where one of them straddles). The fold is a
+// maximum or minimum of integers, which commutes with moving lanes: lanes
+// inside get the same samples as before, lanes outside the pad as before. Float folds (which also gather flags) and
 // other loop orders are left to border_loads.h.
 #pragma once
 
