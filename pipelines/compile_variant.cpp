@@ -14,6 +14,7 @@
 #include "hoisted_pads.h"
 #include "lane_tests.h"
 #include "loop_steps.h"
+#include "row_edges.h"
 #include "schedule.h"
 #include "stages.h"
 #include "targets.h"
@@ -72,6 +73,8 @@ int compile_variant(const std::string &filter_name, const std::string &type, con
 
     Pipeline pipeline(filter.output().result);
     pipeline.add_custom_lowering_pass(make_frame_pass(filter, in, vw), nullptr);
+    // A row's border tiles join the groups of their interior neighbours where they can (see row_edges.h).
+    pipeline.add_custom_lowering_pass(make_row_edges_pass(tiles_in_flight(vw), vw), nullptr);
     pipeline.add_custom_lowering_pass(make_tile_jam_pass(tiles_in_flight(vw), vw), nullptr);
     pipeline.add_custom_lowering_pass(make_border_windows_pass(), nullptr);
     pipeline.add_custom_lowering_pass(make_border_loads_pass(target), nullptr);

@@ -28,8 +28,8 @@ private:
 };
 
 // The names a copy of a tile's body must make its own: the tile's
-// accumulators and the lets that depend on the tile or on an accumulator
-// (directly or through other such lets).
+// accumulators, its first lane and the lets that depend on the tile, on its
+// first lane or on an accumulator (directly or through other such lets).
 class TileDependentNames : public IRVisitor {
 public:
     explicit TileDependentNames(const std::string &tile) : tile_(tile) {}
@@ -40,7 +40,8 @@ private:
     const std::string tile_;
 
     void visit(const LetStmt *op) override {
-        if (expr_uses_var(op->value, tile_) || Mentions(names, op->value).found) names.insert(op->name);
+        if (expr_uses_var(op->value, tile_) || ends_with(op->name, ".lane.base.s") || Mentions(names, op->value).found)
+            names.insert(op->name);
         IRVisitor::visit(op);
     }
     void visit(const Allocate *op) override {
@@ -280,6 +281,15 @@ private:
 };
 
 }  // namespace
+
+Stmt jam_tiles(const std::vector<Stmt> &bodies, int vector_width) {
+    TileDependentNames names("");
+    for (const Stmt &body : bodies) body.accept(&names);
+    std::vector<Stmt> copies;
+    for (size_t i = 0; i < bodies.size(); i++)
+        copies.push_back(CopyForTile(names.names, static_cast<int>(i), vector_width).mutate(bodies[i]));
+    return Jam(vector_width)(copies);
+}
 
 IRMutator *make_tile_jam_pass(int tiles, int vector_width) { return new TileJam(tiles, vector_width); }
 

@@ -15,8 +15,17 @@
 
 #include <Halide.h>
 
+#include <vector>
+
 namespace flatmorph {
 
 Halide::Internal::IRMutator *make_tile_jam_pass(int tiles, int vector_width);
+
+// The bodies of neighbouring tiles folded in one pass over the mask, as the
+// groups above are: each body states its first lane in a `.lane.base.s`
+// let, and body i's is taken as body 0's plus i vectors. The bodies may
+// differ in their folds (a border tile's and interior ones) but not in
+// their mask loops and tests.
+Halide::Internal::Stmt jam_tiles(const std::vector<Halide::Internal::Stmt> &bodies, int vector_width);
 
 }  // namespace flatmorph

@@ -16,6 +16,7 @@ add_executable(flatmorph_compile
   pipelines/stages.cpp
   pipelines/straddling_columns.cpp
   pipelines/targets.cpp
+  pipelines/row_edges.cpp
   pipelines/tile_jam.cpp)
 target_link_libraries(flatmorph_compile PRIVATE Halide::Halide)
 
