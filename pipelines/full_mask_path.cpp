@@ -324,16 +324,20 @@ private:
     // Once per call: whether the stage is at least one chunk wide, the mask
     // at most full_mask_max_columns wide, large enough in both directions for
     // the path to pay, and all its bytes 1. Where it pays, measured side by
-    // side with the element-wise path (avx2, 512 x 512 and 4096 x 4096, one
-    // thread): 8-bit samples from 5 x 5 on (uint8 5 x 5: 5.6 -> 3.7 and 1.5
-    // -> 1.4 of OpenCV's time), wider integers from 7 x 7 (uint16 5 x 5 lost
-    // on the large image), floats, which also check each sample for NaN and
-    // -0.0, from 9 x 9 (float32 7 x 7: 5.4 -> 5.9 and 2.6 -> 3.0). Lines never do.
+    // side with the element-wise path (avx2, one thread): integers from 7 x 7
+    // on (uint16 5 x 5 lost on 4096 x 4096), 8-bit samples from 5 x 5 on
+    // stages 2048 columns wide and more (uint8 5 x 5, element-wise time over
+    // column-first: 0.63 at 512 columns, 0.76 at 1024, 1.0 at 2048, 1.19 at
+    // 4096), floats, which also check each sample for NaN and -0.0, from 9 x 9
+    // (float32 7 x 7: 5.4 -> 5.9 and 2.6 -> 3.0 of OpenCV's time at 512 x 512
+    // and 4096 x 4096). Lines never do.
     Expr pays() const {
         Expr sx = cast<int64_t>(strel_variable("extent.0")), sy = cast<int64_t>(strel_variable("extent.1"));
         const Type t = in_.image.type();
         if (t.is_float()) return sx * sy > 4 * (sx + sy);
-        return 5 * sx * sy > (t.bytes() == 1 ? 40 : 48) + 8 * (sx + sy);
+        Expr wider_integers = 5 * sx * sy > 48 + 8 * (sx + sy);
+        if (t.bytes() > 1) return wider_integers;
+        return wider_integers || (5 * sx * sy > 40 + 8 * (sx + sy) && width_ >= 2048);
     }
 
     Stmt decide(const std::string &taken, Stmt loop) const {

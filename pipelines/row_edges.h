@@ -10,17 +10,17 @@
 //
 // Where a row has one border tile at each end, its interior neighbours
 // reach to the group of tiles beside it, and every vector the border tiles
-// read at their own columns lies within the memory the image's descriptor
-// spans, this pass folds each border tile in one group with its interior
+// read at their own columns lies within the memory of the buffer they read
+// (the span of the image's descriptor, or an earlier stage's allocation),
+// this pass folds each border tile in one group with its interior
 // neighbours: the group's pass over the mask folds the border tile's lanes
 // from a whole-vector load at its own columns, the lanes past the edge
 // (which read samples of the row before or after, or the gap between rows)
 // taking the pad by their test as before. The rest of the row is the
 // interior run, jammed as before. Each lane folds the same samples in the
-// same order, so the results are the same bit for bit. Other rows (the
-// image's first and last, rows of images narrower than two groups, masks
-// reaching past a tile) keep the tiles as they were; so do the stages that
-// read an earlier stage rather than the image.
+// same order, so the results are the same bit for bit. Other rows (those
+// reading the buffer's first or last row, rows narrower than one group,
+// masks reaching past a tile) keep the tiles as they were.
 #pragma once
 
 #include <Halide.h>
