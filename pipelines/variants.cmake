@@ -12,11 +12,11 @@ add_executable(flatmorph_compile
   pipelines/hoisted_pads.cpp
   pipelines/lane_tests.cpp
   pipelines/loop_steps.cpp
+  pipelines/row_edges.cpp
   pipelines/schedule.cpp
   pipelines/stages.cpp
   pipelines/straddling_columns.cpp
   pipelines/targets.cpp
-  pipelines/row_edges.cpp
   pipelines/tile_jam.cpp)
 target_link_libraries(flatmorph_compile PRIVATE Halide::Halide)
 
