@@ -6,6 +6,7 @@
 
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 using namespace Halide;
@@ -136,7 +137,8 @@ public:
     bool valid() const { return valid_; }
     const Stmt &whole() const { return whole_; }
 
-    // Whether the tile at `base` reads only columns inside the image.
+    // Whether the tile at `base` reads only columns its buffer holds (the
+    // image's, or those an earlier stage holds), so no lane takes the pad.
     Expr inside(Expr base) const {
         Expr all = const_true();
         for (const WholeRead &r : reads_) {
@@ -187,12 +189,6 @@ RowTiles row_tiles(const Stmt &body, const std::string &tile) {
     const Min *shifted = lets.lets.empty() ? nullptr : lets.lets[0]->value.as<Min>();
     if (!shifted) return {};
     return {simplify(substitute(tile, 0, shifted->a)), shifted->b};
-}
-
-bool is_tile_loop(const Stmt &s) {
-    const For *loop = s.as<For>();
-    return loop && loop->for_type == ForType::Serial &&
-           (ends_with(loop->name, ".s0.x.tile") || ends_with(loop->name, ".s0.x.tile.rebased"));
 }
 
 class RowEdges : public IRMutator {

@@ -245,11 +245,6 @@ private:
     using IRMutator::visit;
     const int tiles_, vw_;
 
-    static bool is_tile_loop(const For *op) {
-        return op->for_type == ForType::Serial &&
-               (ends_with(op->name, ".s0.x.tile") || ends_with(op->name, ".s0.x.tile.rebased"));
-    }
-
     Stmt visit(const For *op) override {
         if (!is_tile_loop(op)) return IRMutator::visit(op);
         InteriorTile tile_kind;
@@ -281,6 +276,12 @@ private:
 };
 
 }  // namespace
+
+bool is_tile_loop(const Stmt &s) {
+    const For *loop = s.as<For>();
+    return loop && loop->for_type == ForType::Serial &&
+           (ends_with(loop->name, ".s0.x.tile") || ends_with(loop->name, ".s0.x.tile.rebased"));
+}
 
 Stmt jam_tiles(const std::vector<Stmt> &bodies, int vector_width) {
     TileDependentNames names("");

@@ -21,6 +21,9 @@ namespace flatmorph {
 
 Halide::Internal::IRMutator *make_tile_jam_pass(int tiles, int vector_width);
 
+// Whether `s` is a loop over a row's tiles (the wide path's, as lowered).
+bool is_tile_loop(const Halide::Internal::Stmt &s);
+
 // The bodies of neighbouring tiles folded in one pass over the mask, as the
 // groups above are: each body states its first lane in a `.lane.base.s`
 // let, and body i's is taken as body 0's plus i vectors. The bodies may

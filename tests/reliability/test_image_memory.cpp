@@ -23,7 +23,8 @@ TEST(ImageMemory, ReadsStayWithinTheImage) {
     std::mt19937 rng(11);
     for (const Variant &v : runnable_variants()) {
         SCOPED_TRACE(v.name());
-        // The lanes of a group of interior tiles folded together (tile_jam).
+        // The lanes of a group of tiles folded together: one group's width, a
+        // little more (two overlapping groups) and two groups with tiles between.
         const int group = std::max(1, std::min(8, 256 / v.vw())) * v.vw();
         for (const int width : {group, group + 3, 2 * group + 5})
             for (const Mask &mask : kMasks)
@@ -32,7 +33,8 @@ TEST(ImageMemory, ReadsStayWithinTheImage) {
                     p.image = {-3, 2, width, 4};
                     p.image_row_gap = 0;
                     p.pixels.resize(static_cast<size_t>(width) * p.image.h);
-                    for (size_t i = 0; i < p.pixels.size(); i++) p.pixels[i] = v.elem->elem == Elem::Bool ? i % 3 == 0 : i * 7 % 41;
+                    for (size_t i = 0; i < p.pixels.size(); i++)
+                        p.pixels[i] = v.elem->elem == Elem::Bool ? i % 3 == 0 : i * 7 % 41;
                     p.mask = mask;
                     p.output = p.image;
 
