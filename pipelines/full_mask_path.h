@@ -8,8 +8,8 @@
 //
 // Halide compiles that path as a pipeline of its own (define_full_mask_stage,
 // schedule_full_mask; a float stage once more with wide chunks, taken on
-// stages at least that wide); this pass lowers it, takes its row body, and puts it
-// into the row closure of the stage's wide path behind a test made once per
+// stages at least that wide); this pass lowers it, takes its row body, and
+// puts it into the row closure of the stage's wide path behind a test made once per
 // call: the mask's bytes all 1, the mask at most full_mask_max_columns wide
 // and the stage at least one chunk wide. The entry, its checks, its regions
 // and its parallel loops stay as they were; the row closures are the same

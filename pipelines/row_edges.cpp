@@ -57,11 +57,11 @@ Expr extreme(Expr e, const std::vector<const For *> &loops, bool highest) {
 
 // A padded gather read as one whole-vector load at its own columns: the
 // columns' first and their clamp, the load's first index, the buffer read
-// (the image's parameter, or an earlier stage's allocation) and the loops
-// around the fold, outermost first.
+// (the image, or an earlier stage's allocation) and the loops around the
+// fold, outermost first.
 struct WholeRead {
     Expr start, lo, hi, index;
-    Parameter image;
+    bool from_image;
     std::string buffer;
     std::vector<const For *> loops;
 };
@@ -96,7 +96,7 @@ private:
                 every_gather = false;
                 break;
             }
-            reads.push_back({g.start, g.lo, g.hi, index->base, g.gather->param, g.gather->name, loops_});
+            reads.push_back({g.start, g.lo, g.hi, index->base, g.gather->param.defined(), g.gather->name, loops_});
             value = substitute(Expr(g.choice), as_dense_load(Expr(g.choice)), value);
         }
         return Store::make(op->name, value, op->index, op->param, op->predicate, op->alignment);
@@ -119,7 +119,7 @@ public:
             // Indices run from the buffer's first element: an allocation's
             // elements are dense, an image's span its rows (dim 0 is dense).
             Expr first = make_zero(Int(64)), last;
-            if (r.image.defined()) {
+            if (r.from_image) {
                 auto field = [&](const std::string &name, int d) {
                     return cast<int64_t>(Variable::make(Int(32), r.buffer + "." + name + "." + std::to_string(d)));
                 };

@@ -13,8 +13,9 @@
 // place once (a block of vectors folded down the rows together is split
 // into a loop for each vector, where one of them straddles). The fold is a
 // maximum or minimum of integers, which commutes with moving lanes: lanes
-// inside get the same samples as before, lanes outside the pad as before. Float folds (which also gather flags) and
-// other loop orders are left to border_loads.h.
+// inside get the same samples as before, lanes outside the pad as before.
+// Float folds (which also gather flags) and other loop orders are left to
+// border_loads.h.
 #pragma once
 
 #include <Halide.h>
