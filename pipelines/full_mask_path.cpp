@@ -1,6 +1,7 @@
 #include "full_mask_path.h"
 
 #include "border_loads.h"
+#include "invariant_branches.h"
 #include "lane_tests.h"
 #include "loop_steps.h"
 #include "schedule.h"
@@ -224,7 +225,10 @@ private:
     LoweredPath lower_path(const std::string &filter, size_t index, bool output_stage, const FilterDefinition &def,
                            const ImageParam &intermediate, const std::map<std::string, Expr> &fields,
                            const std::string &name, int chunk, int vw, const Target &target) const {
-        FullMaskStage stage = define_full_mask_stage(filter, index, in_, intermediate, name, full_mask_max_columns);
+        // AVX2 takes the minimum of 32-bit words in one instruction; 64-bit ones none.
+        const bool word_minimum = target.has_feature(Target::AVX2) && in_.image.type().bits() == 32;
+        FullMaskStage stage =
+            define_full_mask_stage(filter, index, in_, intermediate, name, full_mask_max_columns, word_minimum);
         schedule_full_mask(stage, in_, vw, chunk);
         Pipeline path(stage.result);
         Stmt lowered;
@@ -233,6 +237,7 @@ private:
         path.add_custom_lowering_pass(make_straddling_columns_pass());
         path.add_custom_lowering_pass(make_border_loads_pass(target));
         path.add_custom_lowering_pass(make_lane_tests_pass());
+        path.add_custom_lowering_pass(make_invariant_branches_pass());
         // Its folds down the columns step their addresses by the row stride.
         path.add_custom_lowering_pass(make_loop_steps_pass(""));
         path.add_custom_lowering_pass(new Capture(&lowered));
@@ -243,9 +248,12 @@ private:
         FirstParallelLoop rows;
         lowered.accept(&rows);
         if (!rows.loop) throw std::logic_error("the full-mask path has no row loop");
-        // A float stage's values are the first of its Tuple, its flags the second.
-        const std::string path_output = flagged_ ? name + ".0" : name;
-        Stmt body = GatherFlags(name + ".1", row_flag_).mutate(WithoutChecks().mutate(rows.loop->body));
+        // A float stage's values are the first of its Tuple, its flags the
+        // second. (Halide may have made the name unique: it is read back.)
+        const std::vector<OutputImageParam> outputs = stage.result.output_buffers();
+        const std::string path_output = outputs[0].name();
+        Stmt body = WithoutChecks().mutate(rows.loop->body);
+        if (flagged_) body = GatherFlags(outputs[1].name(), row_flag_).mutate(body);
         // Its scratch must live on the row task's stack: a size known when compiling.
         if (!ScratchIsBounded(body).bounded) throw std::logic_error("the full-mask path's scratch has no fixed size");
         // The outer lets the row body needs, directly or through another one kept.
@@ -328,13 +336,14 @@ private:
     // on (uint16 5 x 5 lost on 4096 x 4096), 8-bit samples from 5 x 5 on
     // stages 2048 columns wide and more (uint8 5 x 5, element-wise time over
     // column-first: 0.63 at 512 columns, 0.76 at 1024, 1.0 at 2048, 1.19 at
-    // 4096), floats, which also check each sample for NaN and -0.0, from 9 x 9
-    // (float32 7 x 7: 5.4 -> 5.9 and 2.6 -> 3.0 of OpenCV's time at 512 x 512
-    // and 4096 x 4096). Lines never do.
+    // 4096), floats, which also check each sample for NaN and -0.0, from 7 x 7
+    // (float32 7 x 7, column-first time over element-wise: 0.72 on 512 x 512
+    // and 0.93 on 4096 columns under avx2, 0.92 under avx, 1.0 under none;
+    // 7 x 5 would cost more than it saves). Lines never do.
     Expr pays() const {
         Expr sx = cast<int64_t>(strel_variable("extent.0")), sy = cast<int64_t>(strel_variable("extent.1"));
         const Type t = in_.image.type();
-        if (t.is_float()) return sx * sy > 4 * (sx + sy);
+        if (t.is_float()) return sx * sy > 3 * (sx + sy);
         Expr wider_integers = 5 * sx * sy > 48 + 8 * (sx + sy);
         if (t.bytes() > 1) return wider_integers;
         return wider_integers || (5 * sx * sy > 40 + 8 * (sx + sy) && width_ >= 2048);

@@ -45,6 +45,30 @@ void schedule_filter(const FilterDefinition &filter, const Inputs &in, int vw) {
     }
 }
 
+namespace {
+
+// Folds a chunk's column vectors down the mask's rows a block of `vectors`
+// at a time: the rows inner, the block's vectors unrolled in registers, so a
+// step down the rows costs a load and a fold per vector and nothing else.
+void fold_down_in_blocks(Halide::Stage fold_down, const RVar &rows, int vw, int vectors) {
+    Var block("block"), in_block("in_block"), vector("vector"), lane("lane");
+    fold_down.split(x, block, in_block, vectors * vw)
+        .split(in_block, vector, lane, vw)
+        .vectorize(lane)
+        .unroll(vector)
+        .reorder(lane, vector, rows, block);
+}
+
+// Integer blocks: the largest count of vectors up to 8 that tiles the buffer.
+int integer_block_vectors(int vw, int chunk_columns) {
+    const int vectors = buffer_columns(chunk_columns) / vw;
+    for (int block = 8; block > 1; block--)
+        if (vectors % block == 0) return block;
+    return 1;
+}
+
+}  // namespace
+
 void schedule_full_mask(const FullMaskStage &stage, const Inputs &in, int vw, int chunk_columns) {
     // Rows in parallel; a row in chunks (the last one shifted inward), a chunk
     // in tiles of one vector. A chunk first folds the image columns it reaches
@@ -60,36 +84,30 @@ void schedule_full_mask(const FullMaskStage &stage, const Inputs &in, int vw, in
     columns.vectorize(x, vw);
     if (!stage.folds_spans()) {
         // Image rows 4 KB apart or more are folded one after another, each read
-        // along the chunk: down a column, rows at such strides share a few cache
-        // sets and evict each other (31 x 31 on 4096 x 4096, one thread: uint8
-        // 32.7 -> 15.7 ms). Shorter rows fold each column down, which keeps the
-        // border chunks' tests out of the row loop (31 x 31 uint8 on 512 x 512:
-        // 0.50 -> 0.33 ms).
+        // along the chunk: down a column, rows at such strides share a cache
+        // set and evict each other (31 x 31 uint8 on 4096 x 4096, one thread:
+        // 32.7 -> 15.7 ms; by blocks, twice as slow). Shorter rows fold blocks
+        // of column vectors down, each line of a row read whole in one pass
+        // (against one vector at a time, uint8 7 x 7 on 512 x 512: 0.80 of
+        // the time; 31 x 31 on 2048 columns, where rows share two sets: 0.46).
         Halide::Stage fold_down = columns.update();
-        fold_down.vectorize(x, vw);
         const int sample_bytes = in.image.type().bytes();
-        fold_down.specialize(in.image.dim(1).stride() >= 4096 / sample_bytes).reorder(x, stage.rows);
-        fold_down.reorder(stage.rows, x);
+        Expr stride = in.image.dim(1).stride();
+        fold_down.specialize(stride >= 4096 / sample_bytes).vectorize(x, vw).reorder(x, stage.rows);
+        fold_down_in_blocks(fold_down, stage.rows, vw, integer_block_vectors(vw, chunk_columns));
         // A tile's windows live in a register.
         window.compute_at(result, tile).vectorize(x, vw);
         window.update().reorder(x, stage.cols).vectorize(x, vw);
         return;
     }
     // A float fold waits on the one before (a maximum's latency) and checks
-    // each sample: the mask's rows are folded into a block of column vectors
-    // at a time, rows inner, the block's vectors independent chains (a
-    // float32 31 x 31 dilation of 512 x 512 walking one vector down the rows
-    // took twice as long). The buffer's width is a whole number of blocks.
-    Var block("block"), in_block("in_block"), vector("vector");
+    // each sample: blocks of column vectors are folded down the rows as
+    // independent chains (a float32 31 x 31 dilation of 512 x 512 walking
+    // one vector down the rows took twice as long).
     static_assert(buffer_columns(full_mask_chunk) % (column_block_vectors * 16) == 0 &&
                       buffer_columns(full_mask_wide_chunk) % (column_block_vectors * 16) == 0,
                   "blocks of up to 16 lanes must tile the buffer");
-    columns.update()
-        .split(x, block, in_block, column_block_vectors * vw)
-        .split(in_block, vector, lane, vw)
-        .vectorize(lane)
-        .unroll(vector)
-        .reorder(lane, vector, stage.rows, block);
+    fold_down_in_blocks(columns.update(), stage.rows, vw, column_block_vectors);
     // Each count of levels is a loop nest of its own, which computes only the
     // spans it reads; the spans live in stack buffers of a fixed size.
     Var whole("whole");

@@ -154,7 +154,7 @@ Stage fold_stage(const StageRule &rule, const Inputs &in, const MaskGeometry &m)
 
 FullMaskStage define_full_mask_stage(const std::string &filter, size_t index, const Inputs &in,
                                      const Halide::ImageParam &intermediate, const std::string &name,
-                                     int max_columns) {
+                                     int max_columns, bool word_minimum) {
     // A chunk's column buffer has a fixed size and may reach past the columns
     // the chunk needs: its reads of the intermediate stay within the columns computed.
     const Sampler earlier = [intermediate](Expr a, Expr b) { return intermediate(a, b); };
@@ -163,66 +163,73 @@ FullMaskStage define_full_mask_stage(const std::string &filter, size_t index, co
     const MaskGeometry m(in);
     Param<int> levels(name + "_levels");
     const bool flagged = in.image.type().is_float();
-    FullMaskStage s{Func(name + "_columns"), {}, Func(name + "_window"), Func(name), RDom(1, m.sy - 1, name + "_rows"),
+    // An integer column folds every row of the mask from the identity; a
+    // float one starts from its first sample (see below).
+    RDom rows = flagged ? RDom(1, m.sy - 1, name + "_rows") : RDom(0, m.sy, name + "_rows");
+    FullMaskStage s{Func(name + "_columns"), {}, Func(name + "_window"), Func(name), rows,
                     RDom(1, flagged ? select(levels <= one_by_one_levels, m.sx - 1, 0) : m.sx - 1, name + "_cols"),
                     levels};
     const Fold fold = rule.fold;
-    // Folds two samples: a float one is a Tuple of the value and its flag.
-    auto both = [&](const std::vector<Expr> &p, const std::vector<Expr> &q) -> Tuple {
-        if (!flagged) return Tuple(fold_step(fold, p[0], q[0]));
-        return Tuple(fold_step(fold, p[0], q[0]), max(p[1], q[1]));
-    };
-    auto at = [&](const Func &f, Expr a) -> std::vector<Expr> {
-        if (!flagged) return {f(a, y)};
-        return {f(a, y)[0], f(a, y)[1]};
-    };
-    // The same rows as the element-wise fold: reflected for a dilation. Each
-    // column starts from its first sample rather than the identity, which is
-    // the same for these folds (the path needs a mask of one element at least).
+    // The same rows as the element-wise fold: reflected for a dilation.
     Expr first_row = fold == Fold::Max ? y + m.cy : y - m.cy;
     Expr row = fold == Fold::Max ? y + m.cy - s.rows : y + s.rows - m.cy;
     Expr first = rule.sample(x, first_row), next = rule.sample(x, row);
+    // The window's first column: reflected for a dilation.
+    Expr lo = fold == Fold::Max ? x + m.cx - (m.sx - 1) : x - m.cx;
+    Expr flag;
     if (!flagged) {
-        s.columns(x, y) = first;
+        s.columns(x, y) = fold_identity(fold, in.image.type());
         s.columns(x, y) = fold_step(fold, s.columns(x, y), next);
         s.spans.push_back(s.columns);
     } else {
-        // A float column gathers what its flag needs in three instructions a
-        // sample: the sum of its samples, NaN where one is (or where
-        // infinities of both signs meet, a row then folded again for
-        // nothing), and a word with bits set where one is -0.0.
-        const Type word = UInt(in.image.type().bits());
-        auto negative_zero = [&](Expr v) {
+        // A float column gathers what its flag needs: the sum of its samples,
+        // NaN where one is (or where infinities of both signs meet, a row then
+        // folded again for nothing), and a word that tells whether one is
+        // -0.0: the least of their bits read as a signed word (the lowest
+        // word exactly for -0.0), where a vector takes that minimum in one
+        // instruction, or else a word with bits set where one is -0.0. It
+        // starts from its first sample, which folds as from the identity (the
+        // path needs a mask of one element at least).
+        const Type word = word_minimum ? Int(in.image.type().bits()) : UInt(in.image.type().bits());
+        auto zero_sign = [&](Expr v) {
+            if (word_minimum) return reinterpret(word, v);
             return select(reinterpret(word, v) == (Internal::make_one(word) << (word.bits() - 1)), word.max(),
                           Internal::make_zero(word));
         };
         FuncRef c = s.columns(x, y);
-        s.columns(x, y) = {first, first, negative_zero(first)};
-        s.columns(x, y) = {fold_step(fold, c[0], next), strict_float(c[1] + next), c[2] | negative_zero(next)};
-        Func checked(name + "_checked");
-        checked(x, y) = {s.columns(x, y)[0],
-                         select(is_nan(s.columns(x, y)[1]) || s.columns(x, y)[2] != 0, Internal::make_one(word),
-                                Internal::make_zero(word))};
-        s.spans.push_back(checked);
+        s.columns(x, y) = {first, first, zero_sign(first)};
+        s.columns(x, y) = {fold_step(fold, c[0], next), strict_float(c[1] + next),
+                           word_minimum ? min(c[2], zero_sign(next)) : c[2] | zero_sign(next)};
+        Func value(name + "_value");
+        value(x, y) = s.columns(x, y)[0];
+        s.spans.push_back(value);
+        // A window's flag: its first and last columns'. Over a row at least a
+        // mask wide, those cover every column the row reads, and a row is
+        // folded again element by element where any of its windows is flagged.
+        auto column_flag = [&](Expr a) {
+            Expr zero_signs = s.columns(a, y)[2];
+            return is_nan(s.columns(a, y)[1]) || (word_minimum ? zero_signs == word.min() : zero_signs != 0);
+        };
+        const Type flag_word = UInt(in.image.type().bits());
+        flag = select(column_flag(lo) || column_flag(lo + m.sx - 1), Internal::make_one(flag_word),
+                      Internal::make_zero(flag_word));
     }
     // The levels a window of at most `max_columns` columns may need.
     for (int l = 1; flagged && (1 << l) <= max_columns; l++) {
         Func level(name + "_span" + std::to_string(l));
-        level(x, y) = both(at(s.spans.back(), x), at(s.spans.back(), x + (1 << (l - 1))));
+        level(x, y) = fold_step(fold, s.spans.back()(x, y), s.spans.back()(x + (1 << (l - 1)), y));
         s.spans.push_back(level);
     }
-    // The window's first column: reflected for a dilation. A narrow window
-    // folds its columns one by one; a wider one is the fold of two spans.
-    Expr lo = fold == Fold::Max ? x + m.cx - (m.sx - 1) : x - m.cx;
-    Tuple folded(at(s.spans[0], lo));
+    // A narrow window folds its columns one by one; a wider one is the fold of two spans.
+    Expr folded = s.spans[0](lo, y);
     for (int l = one_by_one_levels + 1; l < (int)s.spans.size(); l++) {
-        const Tuple wider = both(at(s.spans[l], lo), at(s.spans[l], lo + m.sx - (1 << l)));
-        for (size_t i = 0; i < folded.size(); i++) folded[i] = select(s.levels == l, wider[i], folded[i]);
+        Expr wider = fold_step(fold, s.spans[l](lo, y), s.spans[l](lo + m.sx - (1 << l), y));
+        folded = select(s.levels == l, wider, folded);
     }
     s.window(x, y) = folded;
-    s.window(x, y) = both(at(s.window, x), at(s.spans[0], lo + s.cols));
+    s.window(x, y) = fold_step(fold, s.window(x, y), s.spans[0](lo + s.cols, y));
     if (!flagged) s.result(x, y) = rule.finish(s.window(x, y));
-    else s.result(x, y) = {rule.finish(s.window(x, y)[0]), s.window(x, y)[1]};
+    else s.result(x, y) = {rule.finish(s.window(x, y)), flag};
     return s;
 }
 

@@ -64,13 +64,14 @@ FilterDefinition define_filter(const std::string &filter, const Inputs &in);
 // A float window wider than 7 columns is the fold of two spans of 2^levels
 // columns at its ends, which overlap (`levels` is floor(log2 of the mask's
 // width), a parameter the path binds): `spans[l]` folds 2^l neighbouring
-// columns (spans[0] is the columns, each level two halves of the one before).
-// Other windows fold their columns one by one (`cols`). The integer and bool
-// folds do not depend on the order or repetition of their samples. The float
-// folds do only through NaN and the sign of zero, so a float stage is a
-// Tuple: its value and a flag, 1 where a sample it folded may be NaN or -0.0
-// (those samples must be folded in their own order, element by element; a
-// float column also keeps what its flag is worked out from). The second
+// columns (spans[0] is the columns' values, each level two halves of the one
+// before). Other windows fold their columns one by one (`cols`). The integer
+// and bool folds do not depend on the order or repetition of their samples.
+// The float folds do only through NaN and the sign of zero, so a float
+// column also gathers whether it holds such a sample, and a float stage is a
+// Tuple: its value and a flag, 1 where its window's first or last column
+// holds one (a row of such flags covers every column the row reads; its rows
+// must then be folded in their own order, element by element). The second
 // stage of a two-stage filter reads the first stage's samples from
 // `intermediate`; `result` is named `name`.
 struct FullMaskStage {
@@ -87,9 +88,11 @@ struct FullMaskStage {
 // they save. An integer fold is one instruction, against a float's check
 // of each sample as well: measured, spans did not pay for integers.
 constexpr int one_by_one_levels = 2;
+// `word_minimum`: whether the target's vectors take the minimum of signed
+// words as wide as a float sample in one instruction (see the float column).
 FullMaskStage define_full_mask_stage(const std::string &filter, size_t index, const Inputs &in,
                                      const Halide::ImageParam &intermediate, const std::string &name,
-                                     int max_columns);
+                                     int max_columns, bool word_minimum);
 
 // Name of the output buffer of a filter ("dilate" for "imdilate", ...).
 std::string output_name(const std::string &filter);

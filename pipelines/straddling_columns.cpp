@@ -41,10 +41,26 @@ bool reads_only_at(const Expr &e, const std::string &buffer, const Expr &index) 
     return !elsewhere.found;
 }
 
-// A straddling vector's fold down the rows in a register, and when to take it.
+// A vector's fold down the rows in a register: the vector just inside the
+// edge (its own columns, where it does not straddle), folded into a stack
+// vector `folded` (a register, once LLVM promotes it) by `first` at the first
+// row and `step` at each further one, then folded into the stored vector by
+// `place`, which shifts the lanes into place where it straddles.
 struct RegisterFold {
-    Expr straddles;
-    Stmt fold;
+    Expr straddles, wide_image;
+    std::string folded;
+    Type type;
+    Stmt first, step, place;
+    bool defined() const { return first.defined(); }
+    // The fold alone, with its vector.
+    Stmt alone(const std::string &row, const Expr &row_min, const Expr &row_extent) const {
+        return allocated(Block::make({first, For::make(row, row_min + 1, row_extent - 1, ForType::Serial,
+                                                       DeviceAPI::None, step),
+                                     place}));
+    }
+    Stmt allocated(const Stmt &s) const {
+        return Allocate::make(folded, type.element_of(), MemoryType::Stack, {type.lanes()}, const_true(), s);
+    }
 };
 
 class StraddlingColumns : public IRMutator {
@@ -52,32 +68,45 @@ class StraddlingColumns : public IRMutator {
     int buffers_ = 0;
 
     // A loop over rows whose body (after its lets) folds padded gathers into
-    // the vectors it stores: stored = max(stored, choice), or min. A block of
-    // several such vectors (folded together) is split into a loop of its own
-    // for each where one of them straddles the edge.
+    // the vectors it stores: stored = max(stored, choice), or min.
     Stmt visit(const For *op) override {
         const LetChain chain(op->body);
         if (op->for_type != ForType::Serial) return IRMutator::visit(op);
         if (chain.body.as<Store>()) {
-            const RegisterFold r = register_fold(op->name, op->min, op->extent, chain, chain.body.as<Store>());
-            return r.fold.defined() ? IfThenElse::make(r.straddles, r.fold, op) : Stmt(op);
+            const RegisterFold r = register_fold(op->name, op->min, chain, chain.body.as<Store>());
+            if (!r.defined()) return op;
+            return IfThenElse::make(r.straddles && r.wide_image && op->extent >= 1,
+                                    r.alone(op->name, op->min, op->extent), op);
         }
-        std::vector<Stmt> vectors, loops;
+        // A block of vectors folded down the rows together: each is folded in
+        // a register from the vector just inside the edge, in one loop over
+        // the rows, and the ones that straddle are shifted into place after
+        // it. (Split into a loop for each vector, each paid its loop's set-up.)
+        std::vector<Stmt> vectors;
         if (!chain.body.as<Block>() || !stores_in_scope(chain.body, {}, &vectors)) return IRMutator::visit(op);
-        Expr any_straddles = const_false();
+        std::vector<RegisterFold> folds;
         for (const Stmt &vector : vectors) {
             Stmt own = For::make(op->name, op->min, op->extent, op->for_type, op->device_api, chain.around(vector));
             const LetChain own_chain(own.as<For>()->body);
             const Store *store = own_chain.body.as<Store>();
-            // Split apart, each vector must still find its own samples: none reads another's.
+            // Each vector must find its own samples: none reads another's.
             if (!reads_only_at(own_chain.substituted(store->value), store->name, own_chain.substituted(store->index)))
                 return IRMutator::visit(op);
-            const RegisterFold r = register_fold(op->name, op->min, op->extent, own_chain, store);
-            if (r.fold.defined()) any_straddles = any_straddles || r.straddles;
-            loops.push_back(r.fold.defined() ? IfThenElse::make(r.straddles, r.fold, own) : own);
+            folds.push_back(register_fold(op->name, op->min, own_chain, store));
+            if (!folds.back().defined()) return IRMutator::visit(op);
         }
-        if (is_const_zero(any_straddles)) return op;
-        return IfThenElse::make(any_straddles, Block::make(loops), op);
+        std::vector<Stmt> firsts, steps, places;
+        for (const RegisterFold &r : folds) {
+            firsts.push_back(r.first);
+            steps.push_back(r.step);
+            places.push_back(r.place);
+        }
+        Stmt together = Block::make({Block::make(firsts),
+                                     For::make(op->name, op->min + 1, op->extent - 1, ForType::Serial,
+                                               DeviceAPI::None, Block::make(steps)),
+                                     Block::make(places)});
+        for (const RegisterFold &r : folds) together = r.allocated(together);
+        return IfThenElse::make(folds.front().wide_image && op->extent >= 1, together, op);
     }
 
     // Each store of a block, inside the lets that reach it (`scope`), into
@@ -99,8 +128,8 @@ class StraddlingColumns : public IRMutator {
 
     // The register fold of `store`, folded in the loop over `row` inside
     // `chain`, or nothing where it does not qualify.
-    RegisterFold register_fold(const std::string &row, const Expr &row_min, const Expr &row_extent,
-                               const LetChain &chain, const Store *store) {
+    RegisterFold register_fold(const std::string &row, const Expr &row_min, const LetChain &chain,
+                               const Store *store) {
         // The row's lets are not kept around the folded vector's placement.
         const Expr value = chain.substituted(store->value), index = chain.substituted(store->index);
         if (expr_uses_var(index, row)) return {};
@@ -122,8 +151,6 @@ class StraddlingColumns : public IRMutator {
         if (!stored.defined()) return {};
         auto fold = [&](Expr p, Expr q) { return max_fold ? max(p, q) : min(p, q); };
 
-        // The vectors just inside the edge, folded down the rows in a stack
-        // vector (a register, once LLVM promotes it), then moved into place.
         const int lanes = choice->type.lanes();
         const std::string folded = "straddling_fold$" + std::to_string(buffers_);
         const std::string window = "straddling_window$" + std::to_string(buffers_++);
@@ -134,20 +161,18 @@ class StraddlingColumns : public IRMutator {
         Expr folded_so_far =
             Load::make(choice->type, folded, whole, Buffer<>(), Parameter(), const_true(lanes), ModulusRemainder());
         Expr just_inside = load_just_inside(g);
-        Stmt first = fold_into(substitute(row, row_min, just_inside));
-        Stmt rest = For::make(row, row_min + 1, row_extent - 1, ForType::Serial, DeviceAPI::None,
-                              fold_into(fold(folded_so_far, just_inside)));
-        Stmt place = with_window(g, folded_so_far, window, [&](const Expr &in_window) {
+        auto placed = [&](const Expr &in_window) {
             Expr chosen = select(choice->condition, in_window, choice->false_value);
             return Store::make(store->name, fold(stored, chosen), index, store->param, store->predicate,
                                store->alignment);
-        });
-        Stmt register_fold = Allocate::make(folded, choice->type.element_of(), MemoryType::Stack, {lanes},
-                                            const_true(), Block::make({first, rest, place}));
-
+        };
         Expr start = cast<int64_t>(g.start), lo = cast<int64_t>(g.lo), hi = cast<int64_t>(g.hi);
-        Expr straddles = (start < lo || start + (lanes - 1) > hi) && hi - lo + 1 >= lanes && row_extent >= 1;
-        return {straddles, register_fold};
+        Expr straddles = start < lo || start + (lanes - 1) > hi;
+        // A vector that does not straddle read its own columns: its lanes are in place.
+        Stmt place = IfThenElse::make(straddles, with_window(g, folded_so_far, window, placed), placed(folded_so_far));
+        Stmt first = fold_into(substitute(row, row_min, just_inside));
+        return {straddles, hi - lo + 1 >= lanes, folded, choice->type, first,
+                fold_into(fold(folded_so_far, just_inside)), place};
     }
 };
 

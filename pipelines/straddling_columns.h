@@ -10,8 +10,10 @@
 // Where the rows are the inner loop and the vector's columns and lane tests
 // do not change from row to row, this pass folds the vectors just inside
 // the edge down the rows in a register, and shifts the folded vector into
-// place once (a block of vectors folded down the rows together is split
-// into a loop for each vector, where one of them straddles). The fold is a
+// place once. A block of vectors folded down the rows together becomes one
+// loop in which every vector folds the vector just inside the edge (its own
+// columns, unless it straddles) in a register, tested for nothing; the ones
+// that straddle are shifted into place after the loop. The fold is a
 // maximum or minimum of integers, which commutes with moving lanes: lanes
 // inside get the same samples as before, lanes outside the pad as before.
 // Float folds (which also gather flags) and other loop orders are left to

@@ -10,6 +10,7 @@ add_executable(flatmorph_compile
   pipelines/frame_pass.cpp
   pipelines/full_mask_path.cpp
   pipelines/hoisted_pads.cpp
+  pipelines/invariant_branches.cpp
   pipelines/lane_tests.cpp
   pipelines/loop_steps.cpp
   pipelines/row_edges.cpp

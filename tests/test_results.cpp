@@ -34,7 +34,7 @@ INSTANTIATE_TEST_SUITE_P(AllVariants, Sweep, testing::ValuesIn(all_variants()), 
 // One or two specials on a background (and special pads): as the output runs
 // over and past the image, each meets every active element of the mask. Whole
 // masks for paths that fold them another way, rows of 300 for those from 256
-// columns and of 600 for the wider chunks floats take from 512 (9 x 9 masks on).
+// columns and of 600 for the wider chunks floats take from 512 (7 x 7 masks on).
 TEST(FloatFoldOrder, MultiRowMasksMatchReferenceModel) {
     const std::vector<std::pair<int, std::vector<uint8_t>>> masks = {
         {3, {1, 1, 1, 1, 1, 1, 1, 1, 1}},                    // 3 x 3, whole
@@ -43,8 +43,9 @@ TEST(FloatFoldOrder, MultiRowMasksMatchReferenceModel) {
         {4, {1, 1, 0, 0, 1, 1, 1, 1}},                       // 4 x 2
         {4, std::vector<uint8_t>(16, 1)},                    // 4 x 4, whole
         {5, std::vector<uint8_t>(15, 1)},                    // 5 x 3, whole
-        {9, std::vector<uint8_t>(81, 1)},                    // 9 x 9, whole: folded column first on wide rows
-        {17, std::vector<uint8_t>(153, 1)},                  // 17 x 9, whole: its float windows folded from spans
+        {7, std::vector<uint8_t>(49, 1)},                    // 7 x 7, whole: folded column first on wide rows
+        {9, std::vector<uint8_t>(81, 1)},                    // 9 x 9, whole: its float windows folded from spans
+        {17, std::vector<uint8_t>(153, 1)},                  // 17 x 9, whole: spans of one level more
         {5, {1, 1, 1, 1, 1}},                                // one whole row
         {1, {1, 1, 1}},                                      // one whole column
     };
@@ -57,7 +58,7 @@ TEST(FloatFoldOrder, MultiRowMasksMatchReferenceModel) {
                             const bool whole = std::count(bytes.begin(), bytes.end(), 1) == long(bytes.size());
                             const bool zero = background == 0.0 && !std::signbit(background);
                             if (!v.elem->is_float() || (width >= 300 && !(whole && zero))) continue;
-                            if (width == 600 && bytes.size() < 81) continue;  // the narrower masks fold element by element
+                            if (width == 600 && bytes.size() < 49) continue;  // the smaller masks fold element by element
                             const int sy = static_cast<int>(bytes.size()) / sx, at = width >= 300 ? width / 2 : 2;
                             Problem p{v.elem, v.filter, {-1, 2, width, 5}, std::vector<double>(width * 5, background),
                                       second, second, {sx, sy, bytes}, {-4, -1, width + 6, 11}};
