@@ -229,7 +229,7 @@ private:
         const bool word_minimum = target.has_feature(Target::AVX2) && in_.image.type().bits() == 32;
         FullMaskStage stage =
             define_full_mask_stage(filter, index, in_, intermediate, name, full_mask_max_columns, word_minimum);
-        schedule_full_mask(stage, in_, vw, chunk);
+        schedule_full_mask(stage, vw, chunk);
         Pipeline path(stage.result);
         Stmt lowered;
         // Its border chunks fold with whole-vector loads where they can, as the

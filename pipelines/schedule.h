@@ -28,6 +28,6 @@ constexpr int buffer_columns(int chunk) { return chunk + full_mask_max_columns -
 // Column vectors a float stage folds down the mask's rows together (see schedule_full_mask).
 constexpr int column_block_vectors = 4;
 
-void schedule_full_mask(const FullMaskStage &stage, const Inputs &in, int vector_width, int chunk);
+void schedule_full_mask(const FullMaskStage &stage, int vector_width, int chunk);
 
 }  // namespace flatmorph

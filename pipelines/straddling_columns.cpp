@@ -41,23 +41,52 @@ bool reads_only_at(const Expr &e, const std::string &buffer, const Expr &index) 
     return !elsewhere.found;
 }
 
+// Whether every lane of `cond` holds, worked out from its first and last
+// lanes, where it is a conjunction of comparisons between vectors whose lanes
+// step evenly (ramps and broadcasts): each holds on an interval of lanes.
+// Undefined for any other form.
+Expr every_lane(const Expr &cond) {
+    if (const And *both = cond.as<And>()) {
+        Expr a = every_lane(both->a), b = every_lane(both->b);
+        return a.defined() && b.defined() ? a && b : Expr();
+    }
+    auto lane = [](const Expr &e, int k) -> Expr {
+        if (const Ramp *r = e.as<Ramp>()) return r->base + k * r->stride;
+        if (const Broadcast *b = e.as<Broadcast>()) return b->value;
+        return Expr();
+    };
+    const int last = cond.type().lanes() - 1;
+    auto at_both_ends = [&](const Expr &a, const Expr &b, Expr (*compare)(Expr, Expr)) -> Expr {
+        Expr a0 = lane(a, 0), b0 = lane(b, 0);
+        if (!a0.defined() || !b0.defined()) return Expr();
+        return compare(a0, b0) && compare(lane(a, last), lane(b, last));
+    };
+    if (const LT *c = cond.as<LT>()) return at_both_ends(c->a, c->b, [](Expr a, Expr b) { return a < b; });
+    if (const LE *c = cond.as<LE>()) return at_both_ends(c->a, c->b, [](Expr a, Expr b) { return a <= b; });
+    if (const GT *c = cond.as<GT>()) return at_both_ends(c->a, c->b, [](Expr a, Expr b) { return a > b; });
+    if (const GE *c = cond.as<GE>()) return at_both_ends(c->a, c->b, [](Expr a, Expr b) { return a >= b; });
+    return Expr();
+}
+
 // A vector's fold down the rows in a register: the vector just inside the
 // edge (its own columns, where it does not straddle), folded into a stack
 // vector `folded` (a register, once LLVM promotes it) by `first` at the first
 // row and `step` at each further one, then folded into the stored vector by
-// `place`, which shifts the lanes into place where it straddles.
+// `shifted` where it straddles (its lanes moved into place) and by `in_place`
+// where it does not.
 struct RegisterFold {
     Expr straddles, wide_image;
     std::string folded;
     Type type;
-    Stmt first, step, place;
+    Stmt first, step, shifted, in_place;
     bool defined() const { return first.defined(); }
-    // The fold alone, with its vector.
+    // The fold of a vector that straddles, alone.
     Stmt alone(const std::string &row, const Expr &row_min, const Expr &row_extent) const {
         return allocated(Block::make({first, For::make(row, row_min + 1, row_extent - 1, ForType::Serial,
                                                        DeviceAPI::None, step),
-                                     place}));
+                                     shifted}));
     }
+    Stmt place() const { return IfThenElse::make(straddles, shifted, in_place); }
     Stmt allocated(const Stmt &s) const {
         return Allocate::make(folded, type.element_of(), MemoryType::Stack, {type.lanes()}, const_true(), s);
     }
@@ -99,7 +128,7 @@ class StraddlingColumns : public IRMutator {
         for (const RegisterFold &r : folds) {
             firsts.push_back(r.first);
             steps.push_back(r.step);
-            places.push_back(r.place);
+            places.push_back(r.place());
         }
         Stmt together = Block::make({Block::make(firsts),
                                      For::make(op->name, op->min + 1, op->extent - 1, ForType::Serial,
@@ -168,11 +197,19 @@ class StraddlingColumns : public IRMutator {
         };
         Expr start = cast<int64_t>(g.start), lo = cast<int64_t>(g.lo), hi = cast<int64_t>(g.hi);
         Expr straddles = start < lo || start + (lanes - 1) > hi;
-        // A vector that does not straddle read its own columns: its lanes are in place.
-        Stmt place = IfThenElse::make(straddles, with_window(g, folded_so_far, window, placed), placed(folded_so_far));
+        // A vector that does not straddle read its own columns: its lanes are
+        // in place, and where the lane test holds for all of them (tested at
+        // its ends, not lane by lane) none takes the pad.
+        Stmt in_place = placed(folded_so_far);
+        const Expr every_lane_inside = every_lane(choice->condition);
+        if (every_lane_inside.defined())
+            in_place = IfThenElse::make(every_lane_inside,
+                                        Store::make(store->name, fold(stored, folded_so_far), index, store->param,
+                                                    store->predicate, store->alignment),
+                                        in_place);
         Stmt first = fold_into(substitute(row, row_min, just_inside));
         return {straddles, hi - lo + 1 >= lanes, folded, choice->type, first,
-                fold_into(fold(folded_so_far, just_inside)), place};
+                fold_into(fold(folded_so_far, just_inside)), with_window(g, folded_so_far, window, placed), in_place};
     }
 };
 
