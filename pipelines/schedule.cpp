@@ -1,6 +1,7 @@
 #include "schedule.h"
 
 #include <algorithm>
+#include <vector>
 
 using namespace Halide;
 
@@ -47,16 +48,16 @@ void schedule_filter(const FilterDefinition &filter, const Inputs &in, int vw) {
 
 namespace {
 
-// Folds a chunk's column vectors down the mask's rows a block of `vectors`
-// at a time: the rows inner, the block's vectors unrolled in registers, so a
-// step down the rows costs a load and a fold per vector and nothing else.
-void fold_down_in_blocks(Halide::Stage fold_down, const RVar &rows, int vw, int vectors) {
+// Folds a Func's vectors over the reduction `over` a block of `vectors` at a
+// time: `over` inner, the block's vectors unrolled in registers, so a step
+// costs a load and a fold per vector and nothing else. `outer` are the
+// stage's loops kept outside the blocks.
+void fold_in_blocks(Halide::Stage stage, const RVar &over, int vw, int vectors, const std::vector<Var> &outer = {}) {
     Var block("block"), in_block("in_block"), vector("vector"), lane("lane");
-    fold_down.split(x, block, in_block, vectors * vw)
-        .split(in_block, vector, lane, vw)
-        .vectorize(lane)
-        .unroll(vector)
-        .reorder(lane, vector, rows, block);
+    stage.split(x, block, in_block, vectors * vw).split(in_block, vector, lane, vw).vectorize(lane).unroll(vector);
+    std::vector<VarOrRVar> order = {lane, vector, over, block};
+    order.insert(order.end(), outer.begin(), outer.end());
+    stage.reorder(order);
 }
 
 // Integer blocks: the largest count of vectors up to 10 that tiles the
@@ -73,8 +74,8 @@ int integer_block_vectors(int vw, int chunk_columns) {
 void schedule_full_mask(const FullMaskStage &stage, int vw, int chunk_columns) {
     // Rows in parallel; a row in chunks (the last one shifted inward), a chunk
     // in tiles of one vector. A chunk first folds the image columns it reaches
-    // over the mask's rows into its buffer; then each tile folds its vector of
-    // windows from those, or the chunk folds them into spans first.
+    // over the mask's rows into its buffer; then it folds its windows from
+    // those, or folds them into spans first.
     Var chunk("chunk"), column("column"), tile("tile"), lane("lane");
     Func result = stage.result, columns = stage.columns, window = stage.window;
     result.parallel(y)
@@ -93,12 +94,13 @@ void schedule_full_mask(const FullMaskStage &stage, int vw, int chunk_columns) {
         // uint8 7 x 7 and 31 x 31 on 4096 columns, 0.62 and 0.88 of the time
         // (on 512 columns, 1.04 and 1.1 against blocks of 5, but choosing the
         // block by the stride cost more on both).
-        fold_down_in_blocks(columns.update(), stage.rows, vw, integer_block_vectors(vw, chunk_columns));
+        fold_in_blocks(columns.update(), stage.rows, vw, integer_block_vectors(vw, chunk_columns));
         // The chunk's windows are folded over the mask's columns a block of
         // vectors at a time, in registers (a tile at a time, each paid its
         // loop over the columns: 18 % more instructions on 7 x 7 uint8).
+        static_assert(full_mask_chunk % (window_block_vectors * 32) == 0, "blocks of up to 32 lanes must tile a chunk");
         window.compute_at(result, chunk).bound_extent(x, chunk_columns).vectorize(x, vw);
-        fold_down_in_blocks(window.update(), stage.cols, vw, 8);
+        fold_in_blocks(window.update(), stage.cols, vw, window_block_vectors);
         return;
     }
     // A float fold waits on the one before (a maximum's latency) and checks
@@ -108,7 +110,7 @@ void schedule_full_mask(const FullMaskStage &stage, int vw, int chunk_columns) {
     static_assert(buffer_columns(full_mask_chunk) % (column_block_vectors * 16) == 0 &&
                       buffer_columns(full_mask_wide_chunk) % (column_block_vectors * 16) == 0,
                   "blocks of up to 16 lanes must tile the buffer");
-    fold_down_in_blocks(columns.update(), stage.rows, vw, column_block_vectors);
+    fold_in_blocks(columns.update(), stage.rows, vw, column_block_vectors);
     // Each count of levels is a loop nest of its own, which computes only the
     // spans it reads; the spans live in stack buffers of a fixed size.
     Var whole("whole");
@@ -123,14 +125,9 @@ void schedule_full_mask(const FullMaskStage &stage, int vw, int chunk_columns) {
     // A narrow window folds blocks of vectors over its columns in registers
     // (one column at a time along the chunk, each vector was loaded and
     // stored again for each column: float32 7 x 7 on 512 x 512, 0.92 of the time).
-    Var block("block"), in_block("in_block"), vector("vector");
-    window.update()
-        .split(x, whole, x, chunk_columns)
-        .split(x, block, in_block, column_block_vectors * vw)
-        .split(in_block, vector, lane, vw)
-        .vectorize(lane)
-        .unroll(vector)
-        .reorder(lane, vector, stage.cols, block, whole);
+    Halide::Stage narrow = window.update();
+    narrow.split(x, whole, x, chunk_columns);
+    fold_in_blocks(narrow, stage.cols, vw, column_block_vectors, {whole});
     for (size_t l = 1; l < stage.spans.size(); l++) {
         Func span = stage.spans[l];
         span.compute_at(window, whole)

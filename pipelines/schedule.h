@@ -25,8 +25,11 @@ constexpr int full_mask_wide_chunk = 512;
 constexpr int full_mask_max_columns = 65;
 // Columns of a chunk's stack buffers: its own and a mask's reach past them.
 constexpr int buffer_columns(int chunk) { return chunk + full_mask_max_columns - 1; }
-// Column vectors a float stage folds down the mask's rows together (see schedule_full_mask).
+// Column vectors a float stage folds down the mask's rows together, and
+// window vectors an integer stage folds over the mask's columns together
+// (see schedule_full_mask).
 constexpr int column_block_vectors = 4;
+constexpr int window_block_vectors = 8;
 
 void schedule_full_mask(const FullMaskStage &stage, int vector_width, int chunk);
 

@@ -70,10 +70,10 @@ FilterDefinition define_filter(const std::string &filter, const Inputs &in);
 // The float folds do only through NaN and the sign of zero, so a float
 // column also gathers whether it holds such a sample, and a float stage is a
 // Tuple: its value and a flag, 1 where its window's first or last column
-// holds one (a row of such flags covers every column the row reads; its rows
-// must then be folded in their own order, element by element). The second
-// stage of a two-stage filter reads the first stage's samples from
-// `intermediate`; `result` is named `name`.
+// holds one (a row of such flags covers every column the row reads; a row
+// flagged anywhere is then folded in its own order, element by element).
+// The second stage of a two-stage filter reads the first stage's samples
+// from `intermediate`; `result` is named `name`.
 struct FullMaskStage {
     Halide::Func columns;
     std::vector<Halide::Func> spans;
