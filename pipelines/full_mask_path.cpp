@@ -303,7 +303,8 @@ private:
         Expr row = Variable::make(Int(32), op->name);
         auto spliced = [&](const LoweredPath &p) { return substitute(p.loop, row - op->min + p.min, p.body); };
         Stmt path = spliced(paths_.front());
-        if (paths_.size() > 1) path = IfThenElse::make(wide_chunks_pay(), spliced(paths_.back()), path);
+        const std::string wide = path_ + ".wide";
+        if (paths_.size() > 1) path = IfThenElse::make(Variable::make(Bool(), wide), spliced(paths_.back()), path);
         if (flagged_) {
             // A float row folded a NaN or -0.0: it is folded again, element by
             // element. (The element-wise body is written twice: behind one
@@ -317,6 +318,8 @@ private:
         }
         Stmt body = IfThenElse::make(Variable::make(Bool(), taken), path, op->body);
         Stmt loop = For::make(op->name, op->min, op->extent, op->for_type, op->device_api, body);
+        // Which chunks a row takes is decided once per call.
+        if (paths_.size() > 1) loop = LetStmt::make(wide, wide_chunks_pay(), loop);
         for (const LoweredPath &p : paths_) {
             for (auto let = p.outer_lets.rbegin(); let != p.outer_lets.rend(); ++let)
                 loop = LetStmt::make(let->first, let->second, loop);

@@ -1,14 +1,17 @@
 // Branches taken out of the loops that do not decide them.
 //
-// A fold down a chunk's column walks the mask's rows with, inside each
-// step, the choice between an interior load and the padded ones: a choice
-// made by the column alone. LLVM keeps such a branch in the loop (its
-// bodies are too large to unswitch), and with three stores to the column's
-// vector in three branches it cannot keep that vector in a register either:
-// each row then waits on the store of the row before. This pass turns
-// `for (j) { lets; if (c) A else B }`, where c reads neither j nor the lets,
-// into `if (c) for (j) { lets; A } else for (j) { lets; B }`, repeatedly, so
-// each loop left holds one straight body.
+// A fold down a chunk's columns walks the mask's rows with, inside each
+// step and for each vector it folds, the choice between an interior load
+// and the padded ones: a choice made by the columns alone. LLVM keeps such
+// branches in the loop (their bodies are too large to unswitch), and with a
+// store to the vector in each branch it cannot keep the vector in a register
+// either: each row then waits on the store of the row before. This pass
+// turns `for (j) { lets; if (c) A else B }`, where c reads neither j nor the
+// lets nor memory, into `if (c) for (j) { lets; A } else for (j) { lets; B }`,
+// repeatedly, and a loop holding several such branches into a copy that
+// takes every first case, where all their conditions hold, and the loop as
+// it was otherwise. (Float folds of 31 x 31 on 4096 columns: 40 -> 18 M
+// instructions a call.)
 #pragma once
 
 #include <Halide.h>

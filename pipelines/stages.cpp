@@ -171,9 +171,8 @@ FullMaskStage define_full_mask_stage(const std::string &filter, size_t index, co
                     levels};
     const Fold fold = rule.fold;
     // The same rows as the element-wise fold: reflected for a dilation.
-    Expr first_row = fold == Fold::Max ? y + m.cy : y - m.cy;
     Expr row = fold == Fold::Max ? y + m.cy - s.rows : y + s.rows - m.cy;
-    Expr first = rule.sample(x, first_row), next = rule.sample(x, row);
+    Expr next = rule.sample(x, row);
     // The window's first column: reflected for a dilation.
     Expr lo = fold == Fold::Max ? x + m.cx - (m.sx - 1) : x - m.cx;
     Expr flag;
@@ -190,6 +189,7 @@ FullMaskStage define_full_mask_stage(const std::string &filter, size_t index, co
         // instruction, or else a word with bits set where one is -0.0. It
         // starts from its first sample, which folds as from the identity (the
         // path needs a mask of one element at least).
+        Expr first = rule.sample(x, fold == Fold::Max ? y + m.cy : y - m.cy);
         const Type word = word_minimum ? Int(in.image.type().bits()) : UInt(in.image.type().bits());
         auto zero_sign = [&](Expr v) {
             if (word_minimum) return reinterpret(word, v);

@@ -80,12 +80,6 @@ struct RegisterFold {
     Type type;
     Stmt first, step, shifted, in_place;
     bool defined() const { return first.defined(); }
-    // The fold of a vector that straddles, alone.
-    Stmt alone(const std::string &row, const Expr &row_min, const Expr &row_extent) const {
-        return allocated(Block::make({first, For::make(row, row_min + 1, row_extent - 1, ForType::Serial,
-                                                       DeviceAPI::None, step),
-                                     shifted}));
-    }
     Stmt place() const { return IfThenElse::make(straddles, shifted, in_place); }
     Stmt allocated(const Stmt &s) const {
         return Allocate::make(folded, type.element_of(), MemoryType::Stack, {type.lanes()}, const_true(), s);
@@ -101,12 +95,6 @@ class StraddlingColumns : public IRMutator {
     Stmt visit(const For *op) override {
         const LetChain chain(op->body);
         if (op->for_type != ForType::Serial) return IRMutator::visit(op);
-        if (chain.body.as<Store>()) {
-            const RegisterFold r = register_fold(op->name, op->min, chain, chain.body.as<Store>());
-            if (!r.defined()) return op;
-            return IfThenElse::make(r.straddles && r.wide_image && op->extent >= 1,
-                                    r.alone(op->name, op->min, op->extent), op);
-        }
         // A block of vectors folded down the rows together: each is folded in
         // a register from the vector just inside the edge, in one loop over
         // the rows, and the ones that straddle are shifted into place after

@@ -7,13 +7,12 @@
 // forwarding fails on it), some 15 to 20 cycles a row: a 15 x 15 uint8
 // dilation of 512 x 512 spent a quarter of its time there.
 //
-// Where the rows are the inner loop and the vector's columns and lane tests
-// do not change from row to row, this pass folds the vectors just inside
-// the edge down the rows in a register, and shifts the folded vector into
-// place once. A block of vectors folded down the rows together becomes one
-// loop in which every vector folds the vector just inside the edge (its own
-// columns, unless it straddles) in a register, tested for nothing; the ones
-// that straddle are shifted into place after the loop. The fold is a
+// Where a block of column vectors is folded down the rows together (the
+// rows the inner loop) and no vector's columns or lane tests change from row
+// to row, this pass makes the block one loop in which every vector folds the
+// vector just inside the edge (its own columns, unless it straddles) in a
+// register, tested for nothing; the ones that straddle are shifted into
+// place once, after the loop. The fold is a
 // maximum or minimum of integers, which commutes with moving lanes: lanes
 // inside get the same samples as before, lanes outside the pad as before.
 // Float folds (which also gather flags) and other loop orders are left to
