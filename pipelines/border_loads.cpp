@@ -77,15 +77,16 @@ void readable_columns(const Load *load, Expr *lo, Expr *hi) {
 // is inside) or the ramp moved just inside the clamp's bounds
 // (`Dense::moved_inside`, which needs bounds at least a vector apart); widening
 // or offsetting a ramp gives a ramp.
-enum class Dense { as_is, moved_inside };
+enum class Dense { as_is, moved_inside, moved_by };
 
 class DenseLoad : public IRMutator {
 public:
-    explicit DenseLoad(Dense how) : how_(how) {}
+    explicit DenseLoad(Dense how, Expr shift = Expr()) : how_(how), shift_(std::move(shift)) {}
 
 private:
     using IRMutator::visit;
     const Dense how_;
+    const Expr shift_;
     bool in_index_ = false;
     const Load *load_ = nullptr;
 
@@ -94,6 +95,7 @@ private:
         if (!in_index_ || !op->type.is_vector() || !clamped_lanes(op, &c)) return IRMutator::visit(op);
         if (how_ == Dense::as_is) return c.lanes;
         const Ramp *r = c.lanes.as<Ramp>();
+        if (how_ == Dense::moved_by) return Ramp::make(r->base + shift_, r->stride, r->lanes);
         readable_columns(load_, &c.lo, &c.hi);
         return Ramp::make(clamp(r->base, c.lo, c.hi - (r->lanes - 1)), r->stride, r->lanes);
     }
@@ -242,6 +244,10 @@ bool find_padded_gather(const Expr &e, PaddedGather *found) {
 Expr as_dense_load(const Expr &e) { return DenseLoad(Dense::as_is).mutate(e); }
 
 Expr load_just_inside(const PaddedGather &g) { return DenseLoad(Dense::moved_inside).mutate(Expr(g.gather)); }
+
+Expr load_moved(const PaddedGather &g, const Expr &shift) {
+    return DenseLoad(Dense::moved_by, shift).mutate(Expr(g.gather));
+}
 
 Stmt with_window(const PaddedGather &g, const Expr &just_inside, const std::string &buffer,
                  const std::function<Stmt(const Expr &)> &use) {

@@ -45,6 +45,10 @@ Halide::Expr as_dense_load(const Halide::Expr &e);
 // bounds must be a vector apart at least).
 Halide::Expr load_just_inside(const PaddedGather &g);
 
+// The gather's columns, moved `shift` (32-bit) columns along, read as one
+// whole vector: the caller keeps them within the clamp.
+Halide::Expr load_moved(const PaddedGather &g, const Halide::Expr &shift);
+
 // `use` of the gather's window, in which each lane inside the clamp holds
 // its column's lane of `just_inside` (a vector read by load_just_inside, or
 // a lane-wise fold of such vectors), by way of a small stack buffer named

@@ -65,7 +65,8 @@ class InvariantBranches : public IRMutator {
     }
 
     // `s` with each branch decided outside the loop replaced by its first
-    // case (its condition kept in `conditions`), through blocks and lets.
+    // case (its condition kept in `conditions`), through blocks, lets,
+    // allocations and their producers and consumers.
     static Stmt taking_first_cases(const Stmt &s, const std::string &loop, std::vector<std::string> &lets,
                                    std::vector<Expr> &conditions) {
         if (const Block *block = s.as<Block>())
@@ -77,6 +78,12 @@ class InvariantBranches : public IRMutator {
             lets.pop_back();
             return LetStmt::make(let->name, let->value, body);
         }
+        if (const Allocate *a = s.as<Allocate>())
+            return Allocate::make(a->name, a->type, a->memory_type, a->extents, a->condition,
+                                  taking_first_cases(a->body, loop, lets, conditions), a->new_expr, a->free_function);
+        if (const ProducerConsumer *pc = s.as<ProducerConsumer>())
+            return ProducerConsumer::make(pc->name, pc->is_producer,
+                                          taking_first_cases(pc->body, loop, lets, conditions));
         const IfThenElse *branch = s.as<IfThenElse>();
         if (!branch || !decided_outside(branch->condition, loop, lets)) return s;
         conditions.push_back(branch->condition);

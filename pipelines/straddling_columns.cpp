@@ -1,8 +1,11 @@
 #include "straddling_columns.h"
 
 #include "border_loads.h"
+#include "index_offsets.h"
 #include "let_chains.h"
 
+#include <algorithm>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -12,12 +15,6 @@ using namespace Halide::Internal;
 namespace flatmorph {
 
 namespace {
-
-// Whether `e` reads the vector of `buffer` at `index`.
-bool reads_stored(const Expr &e, const std::string &buffer, const Expr &index) {
-    const Load *load = e.as<Load>();
-    return load && load->name == buffer && equal(load->index, index);
-}
 
 // Whether an expression reads a buffer anywhere but at one index.
 class ReadsElsewhere : public IRVisitor {
@@ -41,90 +38,304 @@ bool reads_only_at(const Expr &e, const std::string &buffer, const Expr &index) 
     return !elsewhere.found;
 }
 
-// Whether every lane of `cond` holds, worked out from its first and last
-// lanes, where it is a conjunction of comparisons between vectors whose lanes
-// step evenly (ramps and broadcasts): each holds on an interval of lanes.
-// Undefined for any other form.
-Expr every_lane(const Expr &cond) {
-    if (const And *both = cond.as<And>()) {
-        Expr a = every_lane(both->a), b = every_lane(both->b);
-        return a.defined() && b.defined() ? a && b : Expr();
-    }
-    auto lane = [](const Expr &e, int k) -> Expr {
-        if (const Ramp *r = e.as<Ramp>()) return r->base + k * r->stride;
-        if (const Broadcast *b = e.as<Broadcast>()) return b->value;
-        return Expr();
-    };
-    const int last = cond.type().lanes() - 1;
-    auto at_both_ends = [&](const Expr &a, const Expr &b, Expr (*compare)(Expr, Expr)) -> Expr {
-        Expr a0 = lane(a, 0), b0 = lane(b, 0);
-        if (!a0.defined() || !b0.defined()) return Expr();
-        return compare(a0, b0) && compare(lane(a, last), lane(b, last));
-    };
-    if (const LT *c = cond.as<LT>()) return at_both_ends(c->a, c->b, [](Expr a, Expr b) { return a < b; });
-    if (const LE *c = cond.as<LE>()) return at_both_ends(c->a, c->b, [](Expr a, Expr b) { return a <= b; });
-    if (const GT *c = cond.as<GT>()) return at_both_ends(c->a, c->b, [](Expr a, Expr b) { return a > b; });
-    if (const GE *c = cond.as<GE>()) return at_both_ends(c->a, c->b, [](Expr a, Expr b) { return a >= b; });
-    return Expr();
-}
+// One vector of a block folded down the rows: the loop's body for it
+// (`own`, which holds the nodes below) and what it stores, read outside the
+// row's lets: stored = fold(stored, select(inside, gathered sample, pad)),
+// `inside` being a test of the lanes' columns and, on the rows by the
+// image's top and bottom, of the row (`row_inside`, else undefined).
+struct FoldedVector {
+    Stmt own;
+    const Store *store;
+    Expr value, index;
+    PaddedGather gather;
+    Expr row_inside;
+    bool by_max;
+    bool defined() const { return store != nullptr; }
+};
 
-// A vector's fold down the rows in a register: the vector just inside the
-// edge (its own columns, where it does not straddle), folded into a stack
-// vector `folded` (a register, once LLVM promotes it) by `first` at the first
-// row and `step` at each further one, then folded into the stored vector by
-// `shifted` where it straddles (its lanes moved into place) and by `in_place`
-// where it does not.
-struct RegisterFold {
-    Expr straddles, wide_image;
-    std::string folded;
-    Type type;
-    Stmt first, step, shifted, in_place;
-    bool defined() const { return first.defined(); }
-    Stmt place() const { return IfThenElse::make(straddles, shifted, in_place); }
-    Stmt allocated(const Stmt &s) const {
-        return Allocate::make(folded, type.element_of(), MemoryType::Stack, {type.lanes()}, const_true(), s);
+// `e` without the clamps of rows into the image: max(min(r, hi), lo) for an
+// expression r of the row, where `row_inside` keeps r within [lo, hi].
+class UnclampedRows : public IRMutator {
+public:
+    UnclampedRows(std::string row, Expr row_inside) : row_(std::move(row)), row_inside_(std::move(row_inside)) {}
+
+private:
+    using IRMutator::visit;
+    const std::string row_;
+    const Expr row_inside_;
+    Expr visit(const Max *op) override {
+        const Min *below = op->a.as<Min>();
+        if (op->type.is_scalar() && below && expr_uses_var(below->a, row_) &&
+            can_prove(!row_inside_ || (op->b <= below->a && below->a <= below->b)))
+            return mutate(below->a);
+        return IRMutator::visit(op);
+    }
+};
+
+// A block moved just inside the image, in two halves: each half folds, in
+// registers, the columns a fixed count along from its own (the same count
+// for all its vectors, so that it reads each row as one line, as a block
+// inside the image does), moved no further than to bring them inside the
+// image; each vector is then folded into the column buffer at the place of
+// the columns it read. The block's columns outside the image fold the pad,
+// whole vectors written from each bound outwards. Each column inside thus
+// gets its samples (some twice, where the halves overlap: a maximum or
+// minimum takes a value twice as once), and no lane is tested. Its stores
+// reach up to a block's width before or after the buffer's columns.
+class MovedBlock {
+public:
+    // `loop` folds `block` down the rows into a buffer of `size` elements.
+    MovedBlock(const For *loop, const std::vector<FoldedVector> &block, int64_t size, const std::string &id)
+        : loop_(loop), block_(block), front_(block.front()), size_(size), id_(id) {}
+
+    // Whether the vectors follow one another in the buffer and in the image
+    // and share their bounds, fold and row test (whose rows inside are then
+    // known), so that the block can move as a whole.
+    bool valid() {
+        const Ramp *first_index = front_.index.as<Ramp>();
+        front_columns_ = load_moved(front_.gather, 0);
+        front_load_ = front_columns_.as<Load>();
+        const Ramp *front_ramp = front_load_ ? front_load_->index.as<Ramp>() : nullptr;
+        if (count() < 2 || !first_index || !is_const_one(first_index->stride) || !front_ramp ||
+            !is_const_one(front_ramp->stride))
+            return false;
+        for (int k = 1; k < count(); k++) {
+            const FoldedVector &v = block_[k];
+            const Ramp *index = v.index.as<Ramp>();
+            const Expr columns = load_moved(v.gather, 0);
+            const Load *load = columns.as<Load>();
+            const Ramp *ramp = load ? load->index.as<Ramp>() : nullptr;
+            if (v.store->name != buffer() || !index || !is_const_one(index->stride) || !ramp ||
+                load->name != front_load_->name || !apart_by(ramp->base, front_ramp->base, k * lanes()) ||
+                !apart_by(index->base, first_index->base, k * lanes()) ||
+                !apart_by(v.gather.start, front_.gather.start, k * lanes()) || !equal(v.gather.lo, front_.gather.lo) ||
+                !equal(v.gather.hi, front_.gather.hi) || v.by_max != front_.by_max ||
+                v.row_inside.defined() != front_.row_inside.defined() ||
+                (v.row_inside.defined() && !equal(v.row_inside, front_.row_inside)))
+                return false;
+        }
+        return rows_inside();
+    }
+
+    // The moved block where the image holds a half's columns, else the loop.
+    Stmt made() const {
+        std::vector<Stmt> firsts, steps, places[2];
+        for (int k = 0; k < count(); k++) {
+            Expr first = substitute(loop_->name, first_row(), columns(k, false));
+            if (front_.row_inside.defined()) first = select(padded(), pad(), first);
+            firsts.push_back(into_register(k, first));
+            steps.push_back(into_register(k, fold(in_register(k), columns(k, true))));
+            places[half_of(k)].push_back(
+                into_buffer(buffer_vector(start() + k * lanes() + cast<int64_t>(move(half_of(k)))), in_register(k)));
+        }
+        // A half folds into the buffer where its columns lie within a
+        // block's width of the buffer's: that is, always where any of them
+        // is inside the image (it is moved less than its width). A half
+        // moved further holds the pad alone, which `pads` folded.
+        const Expr first = cast<int64_t>(first_index()), last = make_const(Int(64), size_ + width());
+        for (int half = 0; half < 2; half++) {
+            const Expr placed = first + half_start(half) * lanes() + cast<int64_t>(move(half));
+            const int half_width = (half_start(half + 1) - half_start(half)) * lanes();
+            places[half] = {IfThenElse::make(placed >= -width() && placed + half_width <= last, Block::make(places[half]))};
+        }
+        const Expr steps_from = first_row() + (front_.row_inside.defined() ? select(padded(), 0, 1) : 1);
+        Stmt moved = Block::make({pads(), Block::make(firsts),
+                                  For::make(loop_->name, steps_from, last_row() - steps_from + 1, ForType::Serial,
+                                            DeviceAPI::None, Block::make(steps)),
+                                  places[0].front(), places[1].front()});
+        for (int k = 0; k < count(); k++)
+            moved = Allocate::make(register_name(k), type().element_of(), MemoryType::Stack, {lanes()}, const_true(),
+                                   moved);
+        for (int half = 0; half < 2; half++) {
+            const Expr from = start() + half_start(half) * lanes();
+            const int half_width = (half_start(half + 1) - half_start(half)) * lanes();
+            moved = LetStmt::make(name("shift." + std::to_string(half)),
+                                  cast<int32_t>(clamp(from, lo(), hi() - (half_width - 1)) - from), moved);
+        }
+        const Expr loop_last = loop_->min + loop_->extent - 1;
+        moved = LetStmt::make(name("rows.padded"), first_row() > loop_->min || last_row() < loop_last, moved);
+        moved = LetStmt::make(name("rows.to"), rows_to_, moved);
+        moved = LetStmt::make(name("rows.from"), rows_from_, moved);
+        // Each half must find its columns inside the image.
+        const Expr taken = loop_->extent >= 1 && hi() - lo() + 1 >= half_start(1) * lanes();
+        return IfThenElse::make(taken, moved, loop_);
+    }
+
+    int width() const { return lanes() * count(); }
+
+private:
+    const For *loop_;
+    const std::vector<FoldedVector> &block_;
+    const FoldedVector &front_;
+    const int64_t size_;
+    const std::string id_;
+    // The first vector's columns, read whole (`front_load_` in it).
+    Expr front_columns_;
+    const Load *front_load_ = nullptr;
+    // The rows inside the image: [rows_from_, rows_to_] of the loop's.
+    Expr rows_from_, rows_to_;
+
+    int count() const { return static_cast<int>(block_.size()); }
+    int lanes() const { return type().lanes(); }
+    Type type() const { return front_.gather.choice->type; }
+    const std::string &buffer() const { return front_.store->name; }
+    Expr first_index() const { return front_.index.as<Ramp>()->base; }
+    Expr pad() const { return front_.gather.choice->false_value; }
+    Expr lo() const { return cast<int64_t>(front_.gather.lo); }
+    Expr hi() const { return cast<int64_t>(front_.gather.hi); }
+    Expr start() const { return cast<int64_t>(front_.gather.start); }
+    Expr end() const { return start() + width(); }
+    Expr fold(const Expr &a, const Expr &b) const { return front_.by_max ? max(a, b) : min(a, b); }
+    // The first vector of each half (and, for 2, the end of the second).
+    int half_start(int half) const { return half == 0 ? 0 : half == 1 ? (count() + 1) / 2 : count(); }
+    int half_of(int k) const { return k < half_start(1) ? 0 : 1; }
+    std::string name(const std::string &what) const { return "moved_block$" + id_ + "." + what; }
+    Expr move(int half) const { return Variable::make(Int(32), name("shift." + std::to_string(half))); }
+    Expr first_row() const { return Variable::make(Int(32), name("rows.from")); }
+    Expr last_row() const { return Variable::make(Int(32), name("rows.to")); }
+    Expr padded() const { return Variable::make(Bool(), name("rows.padded")); }
+
+    // All of the loop's rows, but by the image's top and bottom those the
+    // row test passes (where the solver finds them exactly).
+    bool rows_inside() {
+        rows_from_ = loop_->min;
+        rows_to_ = loop_->min + loop_->extent - 1;
+        if (!front_.row_inside.defined()) return true;
+        const Interval inner = solve_for_inner_interval(front_.row_inside, loop_->name);
+        const Interval outer = solve_for_outer_interval(front_.row_inside, loop_->name);
+        if (!inner.has_lower_bound() || !inner.has_upper_bound() || !equal(inner.min, outer.min) ||
+            !equal(inner.max, outer.max))
+            return false;
+        rows_from_ = max(rows_from_, inner.min);
+        rows_to_ = min(rows_to_, inner.max);
+        return true;
+    }
+
+    // Vector k's columns, moved with its half: the first's, a fixed count
+    // along (one address a row for the block, not one a vector). Read in the
+    // loop over the rows inside, the rows need no clamp.
+    Expr columns(int k, bool rows_inside) const {
+        const Expr first_moved = load_moved(front_.gather, move(0));
+        const Ramp *ramp = first_moved.as<Load>()->index.as<Ramp>();
+        const Type t = ramp->base.type();
+        Expr base = ramp->base + make_const(t, k * lanes());
+        if (half_of(k)) base += cast(t, move(1) - move(0));
+        if (rows_inside && front_.row_inside.defined())
+            base = UnclampedRows(loop_->name, front_.row_inside).mutate(base);
+        return Load::make(front_load_->type, front_load_->name, Ramp::make(base, ramp->stride, lanes()),
+                          front_load_->image, front_load_->param, front_load_->predicate, front_load_->alignment);
+    }
+
+    // The buffer's vector of `column`, and `value` folded into it.
+    Expr buffer_vector(const Expr &column) const {
+        const Type t = first_index().type();
+        return Ramp::make(first_index() + cast(t, column - start()), make_one(t), lanes());
+    }
+    Stmt into_buffer(const Expr &index, const Expr &value) const {
+        const Parameter &param = front_.store->param;
+        Expr held = Load::make(type(), buffer(), index, Buffer<>(), param, const_true(lanes()), ModulusRemainder());
+        return Store::make(buffer(), fold(held, value), index, param, const_true(lanes()), ModulusRemainder());
+    }
+
+    // Vector k's fold: a stack vector of its own, which LLVM keeps in a register.
+    std::string register_name(int k) const { return name("fold." + std::to_string(k)); }
+    Expr in_register(int k) const {
+        return Load::make(type(), register_name(k), Ramp::make(0, 1, lanes()), Buffer<>(), Parameter(),
+                          const_true(lanes()), ModulusRemainder());
+    }
+    Stmt into_register(int k, const Expr &value) const {
+        return Store::make(register_name(k), value, Ramp::make(0, 1, lanes()), Parameter(), const_true(lanes()),
+                           ModulusRemainder());
+    }
+
+    // The pad, folded into the block's columns before `lo` and after `hi`,
+    // a whole vector at a time from each bound outwards (counts not above
+    // zero leave a loop empty).
+    Stmt pads() const {
+        const std::string vector = name("pad");
+        const Expr nth = cast<int64_t>(Variable::make(Int(32), vector)) * lanes();
+        const Expr before = min(lo(), end()) - start(), after = end() - max(hi() + 1, start());
+        auto pads_from = [&](int first, const Expr &count, const Expr &column) {
+            return For::make(vector, first, cast<int32_t>((count + (lanes() - 1)) / lanes()), ForType::Serial,
+                             DeviceAPI::None, into_buffer(buffer_vector(column), pad()));
+        };
+        return Block::make(pads_from(1, before, start() + before - nth), pads_from(0, after, end() - after + nth));
     }
 };
 
 class StraddlingColumns : public IRMutator {
     using IRMutator::visit;
     int buffers_ = 0;
+    // The constant sizes of the buffers the pass is inside, by name.
+    std::map<std::string, int64_t> sizes_;
+    // The buffers a moved block writes around, with the block's width.
+    std::map<std::string, int> widened_;
 
-    // A loop over rows whose body (after its lets) folds padded gathers into
-    // the vectors it stores: stored = max(stored, choice), or min.
+    // A loop over rows whose body (after its lets) is a block of padded
+    // gathers folded into the vectors it stores.
     Stmt visit(const For *op) override {
         const LetChain chain(op->body);
-        if (op->for_type != ForType::Serial) return IRMutator::visit(op);
-        // A block of vectors folded down the rows together: each is folded in
-        // a register from the vector just inside the edge, in one loop over
-        // the rows, and the ones that straddle are shifted into place after
-        // it. (Split into a loop for each vector, each paid its loop's set-up.)
         std::vector<Stmt> vectors;
-        if (!chain.body.as<Block>() || !stores_in_scope(chain.body, {}, &vectors)) return IRMutator::visit(op);
-        std::vector<RegisterFold> folds;
+        if (op->for_type != ForType::Serial || !chain.body.as<Block>() || !stores_in_scope(chain.body, {}, &vectors))
+            return IRMutator::visit(op);
+        std::vector<FoldedVector> block;
         for (const Stmt &vector : vectors) {
             Stmt own = For::make(op->name, op->min, op->extent, op->for_type, op->device_api, chain.around(vector));
-            const LetChain own_chain(own.as<For>()->body);
-            const Store *store = own_chain.body.as<Store>();
-            // Each vector must find its own samples: none reads another's.
-            if (!reads_only_at(own_chain.substituted(store->value), store->name, own_chain.substituted(store->index)))
-                return IRMutator::visit(op);
-            folds.push_back(register_fold(op->name, op->min, own_chain, store));
-            if (!folds.back().defined()) return IRMutator::visit(op);
+            block.push_back(folded_vector(op->name, own));
+            if (!block.back().defined()) return IRMutator::visit(op);
         }
-        std::vector<Stmt> firsts, steps, places;
-        for (const RegisterFold &r : folds) {
-            firsts.push_back(r.first);
-            steps.push_back(r.step);
-            places.push_back(r.place());
-        }
-        Stmt together = Block::make({Block::make(firsts),
-                                     For::make(op->name, op->min + 1, op->extent - 1, ForType::Serial,
-                                               DeviceAPI::None, Block::make(steps)),
-                                     Block::make(places)});
-        for (const RegisterFold &r : folds) together = r.allocated(together);
-        return IfThenElse::make(folds.front().wide_image && op->extent >= 1, together, op);
+        Stmt moved = moved_block(op, block);
+        return moved.defined() ? moved : IRMutator::visit(op);
     }
+
+    // A moved block writes up to a block's width before or after its
+    // buffer's columns: each buffer that has one is widened by a block's
+    // width at both ends, its accesses moved along by one.
+    Stmt visit(const Allocate *op) override {
+        int64_t size = 1;
+        for (const Expr &extent : op->extents) {
+            const int64_t *known = as_const_int(extent);
+            size = known && size ? size * *known : 0;
+        }
+        if (size) sizes_[op->name] = size;
+        Stmt body = mutate(op->body);
+        sizes_.erase(op->name);
+        auto widened = widened_.find(op->name);
+        if (widened == widened_.end())
+            return Allocate::make(op->name, op->type, op->memory_type, op->extents, op->condition, body, op->new_expr,
+                                  op->free_function);
+        const int margin = widened->second;
+        widened_.erase(widened);
+        return Allocate::make(op->name, op->type, op->memory_type, {Expr(static_cast<int32_t>(size + 2 * margin))},
+                              op->condition, MovedIndices(op->name, margin).mutate(body), op->new_expr,
+                              op->free_function);
+    }
+
+    // Every load and store of one buffer `by` elements further along.
+    class MovedIndices : public IRMutator {
+    public:
+        MovedIndices(std::string buffer, int by) : buffer_(std::move(buffer)), by_(by) {}
+
+    private:
+        using IRMutator::visit;
+        const std::string buffer_;
+        const int by_;
+        Expr moved(const Expr &index) const { return simplify(index + make_const(index.type(), by_)); }
+        Expr visit(const Load *op) override {
+            Expr load = IRMutator::visit(op);
+            op = load.as<Load>();
+            if (op->name != buffer_) return load;
+            return Load::make(op->type, op->name, moved(op->index), op->image, op->param, op->predicate,
+                              op->alignment + by_);
+        }
+        Stmt visit(const Store *op) override {
+            Stmt store = IRMutator::visit(op);
+            op = store.as<Store>();
+            if (op->name != buffer_) return store;
+            return Store::make(op->name, op->value, moved(op->index), op->param, op->predicate,
+                               op->alignment + by_);
+        }
+    };
 
     // Each store of a block, inside the lets that reach it (`scope`), into
     // `stores`; false where the block holds anything but lets and stores.
@@ -143,61 +354,49 @@ class StraddlingColumns : public IRMutator {
         return true;
     }
 
-    // The register fold of `store`, folded in the loop over `row` inside
-    // `chain`, or nothing where it does not qualify.
-    RegisterFold register_fold(const std::string &row, const Expr &row_min, const LetChain &chain,
-                               const Store *store) {
-        // The row's lets are not kept around the folded vector's placement.
+    // The vector `own` (a loop over `row` around one store) folds, or
+    // nothing where it does not fold integers from a padded gather whose
+    // columns, lane tests and pad stay the same from row to row.
+    static FoldedVector folded_vector(const std::string &row, const Stmt &own) {
+        const LetChain chain(own.as<For>()->body);
+        const Store *store = chain.body.as<Store>();
         const Expr value = chain.substituted(store->value), index = chain.substituted(store->index);
-        if (expr_uses_var(index, row)) return {};
         PaddedGather g;
-        if (!find_padded_gather(value, &g) || !g.choice->type.is_int_or_uint() || g.choice->type.bits() < 8 ||
-            !equal(g.choice->true_value, Expr(g.gather)))
+        if (expr_uses_var(index, row) || !find_padded_gather(value, &g) || !g.choice->type.is_int_or_uint() ||
+            g.choice->type.bits() < 8 || !equal(g.choice->true_value, Expr(g.gather)))
             return {};
-        // Only the row may change along the loop: not the columns, the lane tests or the pad.
-        const Select *choice = g.choice;
-        for (const Expr &e : {g.start, g.lo, g.hi, choice->condition, choice->false_value})
+        // A row test, where there is one, is the same for every lane.
+        Expr columns_inside = g.choice->condition, row_inside;
+        const And *both = columns_inside.as<And>();
+        const Broadcast *row_test = both ? both->b.as<Broadcast>() : nullptr;
+        if (row_test && expr_uses_var(row_test->value, row)) {
+            columns_inside = both->a;
+            row_inside = row_test->value;
+        }
+        for (const Expr &e : {g.start, g.lo, g.hi, columns_inside, g.choice->false_value})
             if (expr_uses_var(e, row)) return {};
         const Max *max_fold = value.as<Max>();
         const Min *min_fold = value.as<Min>();
         if (!max_fold && !min_fold) return {};
         Expr a = max_fold ? max_fold->a : min_fold->a, b = max_fold ? max_fold->b : min_fold->b;
-        Expr stored = reads_stored(a, store->name, index) && b.same_as(Expr(choice))   ? a
-                      : reads_stored(b, store->name, index) && a.same_as(Expr(choice)) ? b
-                                                                                       : Expr();
-        if (!stored.defined()) return {};
-        auto fold = [&](Expr p, Expr q) { return max_fold ? max(p, q) : min(p, q); };
+        const Load *stored = a.as<Load>();
+        // Each vector must find its own samples: none reads another's.
+        if (!stored || stored->name != store->name || !equal(stored->index, index) || !b.same_as(Expr(g.choice)) ||
+            !reads_only_at(value, store->name, index))
+            return {};
+        return {own, store, value, index, g, row_inside, max_fold != nullptr};
+    }
 
-        const int lanes = choice->type.lanes();
-        const std::string folded = "straddling_fold$" + std::to_string(buffers_);
-        const std::string window = "straddling_window$" + std::to_string(buffers_++);
-        const Expr whole = Ramp::make(0, 1, lanes);
-        auto fold_into = [&](Expr v) {
-            return Store::make(folded, v, whole, Parameter(), const_true(lanes), ModulusRemainder());
-        };
-        Expr folded_so_far =
-            Load::make(choice->type, folded, whole, Buffer<>(), Parameter(), const_true(lanes), ModulusRemainder());
-        Expr just_inside = load_just_inside(g);
-        auto placed = [&](const Expr &in_window) {
-            Expr chosen = select(choice->condition, in_window, choice->false_value);
-            return Store::make(store->name, fold(stored, chosen), index, store->param, store->predicate,
-                               store->alignment);
-        };
-        Expr start = cast<int64_t>(g.start), lo = cast<int64_t>(g.lo), hi = cast<int64_t>(g.hi);
-        Expr straddles = start < lo || start + (lanes - 1) > hi;
-        // A vector that does not straddle read its own columns: its lanes are
-        // in place, and where the lane test holds for all of them (tested at
-        // its ends, not lane by lane) none takes the pad.
-        Stmt in_place = placed(folded_so_far);
-        const Expr every_lane_inside = every_lane(choice->condition);
-        if (every_lane_inside.defined())
-            in_place = IfThenElse::make(every_lane_inside,
-                                        Store::make(store->name, fold(stored, folded_so_far), index, store->param,
-                                                    store->predicate, store->alignment),
-                                        in_place);
-        Stmt first = fold_into(substitute(row, row_min, just_inside));
-        return {straddles, hi - lo + 1 >= lanes, folded, choice->type, first,
-                fold_into(fold(folded_so_far, just_inside)), with_window(g, folded_so_far, window, placed), in_place};
+    // A block whose vectors follow one another is folded moved just
+    // inside the image (MovedBlock); others keep their loop.
+    Stmt moved_block(const For *op, const std::vector<FoldedVector> &block) {
+        const std::string &buffer = block.front().store->name;
+        if (!sizes_.count(buffer)) return Stmt();
+        MovedBlock moved(op, block, sizes_.at(buffer), std::to_string(buffers_++));
+        if (!moved.valid()) return Stmt();
+        // Its stores reach a block's width either side of the buffer's columns.
+        widened_[buffer] = std::max(widened_[buffer], moved.width());
+        return moved.made();
     }
 };
 

@@ -60,6 +60,10 @@ Problem random_problem(const Variant &v, std::mt19937 &rng) {
     // (float stages 512 columns wide and more walk wider chunks).
     const bool full_mask = pick(rng, 0, 5) == 0;
     if (full_mask) p.image.w = pick(rng, 0, 1) ? pick(rng, 256, 520) : pick(rng, 500, 1040);
+    // Or an image narrower than the blocks that path folds its columns in,
+    // under an output that runs past it (filters that read the image at the
+    // output's own positions keep it inside).
+    if (full_mask && !v.filter->residual() && pick(rng, 0, 4) == 0) p.image.w = pick(rng, vw + 1, 200);
     p.image.h = pick(rng, 1, 9);
     if (pick(rng, 0, 2) > 0) {
         p.image.x0 = pick(rng, -6, 6);
@@ -116,7 +120,7 @@ Problem random_problem(const Variant &v, std::mt19937 &rng) {
         p.output.y0 = p.image.y0 + pick(rng, 0, p.image.h - p.output.h);
     } else {
         p.output.w = wide ? pick(rng, vw, std::max(2 * vw + 5, p.image.w + 6)) : pick(rng, 0, p.image.w + 6);
-        if (full_mask) p.output.w = pick(rng, 250, p.image.w + 6);
+        if (full_mask) p.output.w = pick(rng, 250, std::max(p.image.w + 6, 400));
         p.output.h = pick(rng, 0, p.image.h + 4);
         p.output.x0 = p.image.x0 + pick(rng, -6, p.image.w + 2);
         p.output.y0 = p.image.y0 + pick(rng, -4, p.image.h + 2);
