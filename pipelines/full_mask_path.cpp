@@ -346,21 +346,29 @@ private:
     // Once per call: whether the stage is at least one chunk wide, the mask
     // at most full_mask_max_columns wide, large enough in both directions for
     // the path to pay, and all its bytes 1. Where it pays, measured side by
-    // side with the element-wise path (avx2, one thread): integers from 7 x 7
-    // on (uint16 5 x 5 lost on 4096 x 4096), 8-bit samples from 5 x 5 on
-    // stages 2048 columns wide and more (uint8 5 x 5, element-wise time over
-    // column-first: 0.63 at 512 columns, 0.76 at 1024, 1.0 at 2048, 1.19 at
-    // 4096), floats, which also check each sample for NaN and -0.0, from 7 x 7
-    // (float32 7 x 7, column-first time over element-wise: 0.72 on 512 x 512
-    // and 0.93 on 4096 columns under avx2, 0.92 under avx, 1.0 under none;
-    // 7 x 5 would cost more than it saves). Lines never do.
+    // side with the element-wise path (one thread; column-first time over
+    // element-wise): integer masks whose area exceeds their sides by 7 and
+    // more (uint8 5 x 3 0.98, 5 x 5 0.70, 15 x 2 0.85 on 512 x 512; uint16
+    // 5 x 5 0.57 to 0.65 under avx2, avx and none, on 512 and 4096 columns;
+    // int32 5 x 5 0.59 to 0.71; uint8 3 x 3 1.24, 9 x 2 1.02, 2 x 3 1.47),
+    // columns of 5 rows and more (1 x 21: uint8 0.58 to 0.64, uint16 0.62
+    // to 0.90, int32 0.82; uint8 1 x 3 0.99), 8-bit 3 x 3 on stages 2048
+    // columns wide and more (0.92 at 2048, 0.79 to 0.87 at 4096 on every
+    // tag; uint16 3 x 3 1.0 to 1.12 under avx and none); floats, which also
+    // check each sample for NaN and -0.0, from 7 x 7 (float32 7 x 7: 0.72 on
+    // 512 x 512 and 0.93 on 4096 columns under avx2, 0.92 under avx, 1.0
+    // under none; 5 x 5 about 1, 3 x 3 and 1 x 21 1.7 to 1.8). One-row
+    // masks never do (21 x 1: 1.06 to 1.31).
     Expr pays() const {
         Expr sx = cast<int64_t>(strel_variable("extent.0")), sy = cast<int64_t>(strel_variable("extent.1"));
         const Type t = in_.image.type();
         if (t.is_float()) return sx * sy > 3 * (sx + sy);
-        Expr wider_integers = 5 * sx * sy > 48 + 8 * (sx + sy);
-        if (t.bytes() > 1) return wider_integers;
-        return wider_integers || (5 * sx * sy > 40 + 8 * (sx + sy) && width_ >= 2048);
+        // Beyond its folds, the column-first path pays a chunk's set-up: the
+        // area must exceed the sides by some elements (fewer for 8-bit
+        // samples on long rows), or the mask be a column.
+        const Expr saved = sx * sy - (sx + sy);
+        Expr pays = sy >= 2 && (saved >= 7 || (sx == 1 && sy >= 5));
+        return t.bytes() > 1 ? pays : pays || (sy >= 2 && saved >= 3 && width_ >= 2048);
     }
 
     Stmt decide(const std::string &taken, Stmt loop) const {
