@@ -136,7 +136,8 @@ public:
         for (int half = 0; half < 2; half++) {
             const Expr placed = first + half_start(half) * lanes() + cast<int64_t>(move(half));
             const int half_width = (half_start(half + 1) - half_start(half)) * lanes();
-            places[half] = {IfThenElse::make(placed >= -width() && placed + half_width <= last, Block::make(places[half]))};
+            const Expr within = placed >= -width() && placed + half_width <= last;
+            places[half] = {IfThenElse::make(within, Block::make(places[half]))};
         }
         const Expr steps_from = first_row() + (front_.row_inside.defined() ? select(padded(), 0, 1) : 1);
         Stmt moved = Block::make({pads(), Block::make(firsts),
@@ -289,8 +290,8 @@ class StraddlingColumns : public IRMutator {
     }
 
     // A moved block writes up to a block's width before or after its
-    // buffer's columns: each buffer that has one is widened by a block's
-    // width at both ends, its accesses moved along by one.
+    // buffer's columns: each buffer that has one is widened by that width
+    // at both ends, and all its accesses move along by it.
     Stmt visit(const Allocate *op) override {
         int64_t size = 1;
         for (const Expr &extent : op->extents) {
