@@ -12,8 +12,9 @@
 // the allocations it makes, as a chunk's column buffer holds its blocks)
 // into a copy that takes every first case, where all their conditions hold,
 // and the loop as it was otherwise: LLVM works out the set-up of every
-// branch a loop holds before it, taken or not. (Float folds of 31 x 31 on 4096 columns: 40 -> 18 M
-// instructions a call.)
+// branch a loop holds before it, taken or not. (Float folds of 31 x 31 on
+// 4096 columns: 40 -> 18 M instructions a call; uint8 7 x 7 on 512 x 512,
+// the copy without the column-first edge blocks' fallback: 0.75 M -> 0.59 M.)
 #pragma once
 
 #include <Halide.h>

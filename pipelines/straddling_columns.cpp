@@ -153,8 +153,11 @@ public:
             moved = LetStmt::make(name("shift." + std::to_string(half)),
                                   cast<int32_t>(clamp(from, lo(), hi() - (half_width - 1)) - from), moved);
         }
-        const Expr loop_last = loop_->min + loop_->extent - 1;
-        moved = LetStmt::make(name("rows.padded"), first_row() > loop_->min || last_row() < loop_last, moved);
+        // Only a row test can leave mask rows outside the image.
+        if (front_.row_inside.defined()) {
+            const Expr loop_last = loop_->min + loop_->extent - 1;
+            moved = LetStmt::make(name("rows.padded"), first_row() > loop_->min || last_row() < loop_last, moved);
+        }
         moved = LetStmt::make(name("rows.to"), rows_to_, moved);
         moved = LetStmt::make(name("rows.from"), rows_from_, moved);
         // Each half must find its columns inside the image.

@@ -8,7 +8,9 @@
 // folds, three quarters of them set-up, addresses and tests.
 //
 // Where the vectors of such a block follow one another and no columns,
-// lane tests or pad change from row to row, this pass folds the block
+// lane tests or pad change from row to row (on the rows by the image's top
+// and bottom, a test of the row is solved for the mask rows inside, which
+// fold from the pad without clamps), this pass folds the block
 // moved just inside the image instead, in two halves: each half reads the
 // columns a fixed count along from its own (one address a row for all its
 // vectors), folds them down the rows in registers, and is folded into the
