@@ -4,6 +4,7 @@
 #include "invariant_branches.h"
 #include "lane_tests.h"
 #include "loop_steps.h"
+#include "row_checks.h"
 #include "schedule.h"
 #include "straddling_columns.h"
 
@@ -57,30 +58,6 @@ private:
 class WithoutChecks : public IRMutator {
     using IRMutator::visit;
     Stmt visit(const AssertStmt *) override { return Evaluate::make(0); }
-};
-
-// A float stage's flags, stored beside its values, are gathered into one
-// per row instead: whether any sample the row folded was NaN or -0.0.
-class GatherFlags : public IRMutator {
-public:
-    GatherFlags(std::string flags, std::string row_flag) : flags_(std::move(flags)), row_flag_(std::move(row_flag)) {}
-
-private:
-    using IRMutator::visit;
-    const std::string flags_, row_flag_;
-
-    Stmt visit(const Store *op) override {
-        if (op->name != flags_) return IRMutator::visit(op);
-        Expr any = op->value.type().is_vector() ? VectorReduce::make(VectorReduce::Max, op->value, 1) : op->value;
-        any = cast<uint8_t>(any);
-        Expr seen = Load::make(UInt(8), row_flag_, 0, Buffer<>(), Parameter(), const_true(), {});
-        return Store::make(row_flag_, max(seen, any), 0, Parameter(), const_true(), {});
-    }
-    // The lets that placed the flags in their buffer are no longer read.
-    Stmt visit(const LetStmt *op) override {
-        Stmt body = mutate(op->body);
-        return stmt_uses_var(body, op->name) ? LetStmt::make(op->name, op->value, body) : body;
-    }
 };
 
 // Moves the path's row body into the variant: its output's names become the
@@ -203,11 +180,10 @@ public:
             return lower_path(filter, index, output_stage, def, intermediate, fields, name, chunk, vw, target);
         };
         paths_.push_back(lower(path_, full_mask_chunk));
-        // Float stages at least a wide chunk wide take wide chunks: fewer
-        // chunks and border chunks a row (float32 15 x 15 and 31 x 31, one
-        // thread: 0.93 and 0.94 of the time on 512 x 512, 0.85 and 0.91 on
-        // 4096 x 4096; integer stages gained on some sizes and lost on others).
-        if (flagged_) paths_.push_back(lower(path_ + "_wide", full_mask_wide_chunk));
+        // Float and 8-bit stages at least a wide chunk wide take wide chunks:
+        // fewer chunks and border chunks a row (see wide_chunks_pay; wider
+        // integers lost: uint16 1.09 of the time on 4096 columns).
+        if (flagged_ || eight_bit()) paths_.push_back(lower(path_ + "_wide", full_mask_wide_chunk));
         width_ = output_stage ? Variable::make(Int(32), stage_ + ".extent.0") : fields.at(stage_ + ".extent.0");
     }
 
@@ -232,6 +208,16 @@ private:
         schedule_full_mask(stage, vw, chunk);
         Pipeline path(stage.result);
         Stmt lowered;
+        // A float stage's values are the first of its Tuple, its flags the
+        // second (Halide may have made their names unique: they are read
+        // back). A float row gathers its checks in registers first, so that
+        // the moved edge blocks fold them too.
+        const std::vector<OutputImageParam> outputs = stage.result.output_buffers();
+        if (flagged_) {
+            const std::string columns = stage.columns.name();
+            path.add_custom_lowering_pass(make_row_checks_pass(
+                {columns + ".1", columns + ".2", outputs[1].name(), row_flag_, word_minimum}, columns + ".checks"));
+        }
         // Its border chunks fold with whole-vector loads where they can, as the
         // element-wise path does, down the rows in a register where they straddle the edge.
         path.add_custom_lowering_pass(make_straddling_columns_pass());
@@ -248,12 +234,8 @@ private:
         FirstParallelLoop rows;
         lowered.accept(&rows);
         if (!rows.loop) throw std::logic_error("the full-mask path has no row loop");
-        // A float stage's values are the first of its Tuple, its flags the
-        // second. (Halide may have made the name unique: it is read back.)
-        const std::vector<OutputImageParam> outputs = stage.result.output_buffers();
         const std::string path_output = outputs[0].name();
         Stmt body = WithoutChecks().mutate(rows.loop->body);
-        if (flagged_) body = GatherFlags(outputs[1].name(), row_flag_).mutate(body);
         // Its scratch must live on the row task's stack: a size known when compiling.
         if (!ScratchIsBounded(body).bounded) throw std::logic_error("the full-mask path's scratch has no fixed size");
         // The outer lets the row body needs, directly or through another one kept.
@@ -309,11 +291,8 @@ private:
             // A float row folded a NaN or -0.0: it is folded again, element by
             // element. (The element-wise body is written twice: behind one
             // shared flag instead, it ran 10 to 20 % slower when not taken.)
-            auto set_flag = [&](int value) {
-                return Store::make(row_flag_, make_const(UInt(8), value), 0, Parameter(), const_true(), {});
-            };
             Expr flag = Load::make(UInt(8), row_flag_, 0, Buffer<>(), Parameter(), const_true(), {});
-            path = Block::make({set_flag(0), path, IfThenElse::make(flag != 0, op->body)});
+            path = Block::make(path, IfThenElse::make(flag != 0, op->body));
             path = Allocate::make(row_flag_, UInt(8), MemoryType::Stack, {1}, const_true(), path);
         }
         Stmt body = IfThenElse::make(Variable::make(Bool(), taken), path, op->body);
@@ -338,10 +317,21 @@ private:
     // wider than its output, folded 1024 columns a row in wide chunks on 512
     // columns, 768 in narrow ones; float32 closing of 512 x 512 in narrow
     // chunks: 0.95 of the time for 7 x 7, 0.91 for 15 x 15.)
+    //
+    // Measured, one thread, wide chunks' time over narrow ones: float32 15 x 15
+    // and 31 x 31, 0.93 and 0.94 on 512 x 512, 0.85 and 0.91 on 4096 columns;
+    // uint8 7 x 7, 15 x 15 and 31 x 31, 0.88, 0.87 and 0.92 on 512 x 512, 0.86
+    // to 0.94 on 2048 columns, but on 4096 columns 0.92, 0.99 and 1.0 to 1.05
+    // (21 x 21: 1.04): 8-bit stages wider than 2048 take them for masks of at
+    // most 15 rows only.
     Expr wide_chunks_pay() const {
         auto folded = [&](int chunk) { return (width_ + (chunk - 1)) / chunk * chunk; };
-        return width_ >= full_mask_wide_chunk && folded(full_mask_wide_chunk) <= folded(full_mask_chunk);
+        Expr pays = width_ >= full_mask_wide_chunk && folded(full_mask_wide_chunk) <= folded(full_mask_chunk);
+        if (eight_bit()) pays = pays && (width_ <= 2048 || strel_variable("extent.1") <= 15);
+        return pays;
     }
+
+    bool eight_bit() const { return in_.image.type().bytes() == 1; }
 
     // Once per call: whether the stage is at least one chunk wide, the mask
     // at most full_mask_max_columns wide, large enough in both directions for

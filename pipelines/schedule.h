@@ -18,17 +18,17 @@ void schedule_filter(const FilterDefinition &filter, const Inputs &in, int vecto
 
 // The full-mask path walks a row in chunks of this many output columns, each
 // with its column folds in stack buffers of a fixed size; it serves stages at
-// least one chunk wide and masks at most this many columns wide. Float stages
-// at least a wide chunk wide walk wide chunks.
+// least one chunk wide and masks at most this many columns wide. Float and
+// 8-bit stages at least a wide chunk wide may walk wide chunks.
 constexpr int full_mask_chunk = 256;
 constexpr int full_mask_wide_chunk = 512;
 constexpr int full_mask_max_columns = 65;
 // Columns of a chunk's stack buffers: its own and a mask's reach past them.
 constexpr int buffer_columns(int chunk) { return chunk + full_mask_max_columns - 1; }
-// Column vectors a float stage folds down the mask's rows together, and
-// window vectors an integer stage folds over the mask's columns together
-// (see schedule_full_mask).
-constexpr int column_block_vectors = 4;
+// Column vectors a float stage folds down the mask's rows (and a narrow
+// window's over its columns) together, and window vectors an integer stage
+// folds over the mask's columns together (see schedule_full_mask).
+constexpr int column_block_vectors = 8;
 constexpr int window_block_vectors = 8;
 
 void schedule_full_mask(const FullMaskStage &stage, int vector_width, int chunk);

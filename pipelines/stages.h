@@ -61,7 +61,7 @@ FilterDefinition define_filter(const std::string &filter, const Inputs &in);
 // Stage `index` of `filter` for a mask whose every element is active, folded
 // column first: `columns` folds each column over the mask's rows, and
 // `window` folds a mask's width of those columns, which `result` finishes.
-// A float window wider than 7 columns is the fold of two spans of 2^levels
+// A float window wider than 15 columns is the fold of two spans of 2^levels
 // columns at its ends, which overlap (`levels` is floor(log2 of the mask's
 // width), a parameter the path binds): `spans[l]` folds 2^l neighbouring
 // columns (spans[0] is the columns' values, each level two halves of the one
@@ -71,7 +71,8 @@ FilterDefinition define_filter(const std::string &filter, const Inputs &in);
 // column also gathers whether it holds such a sample, and a float stage is a
 // Tuple: its value and a flag, 1 where its window's first or last column
 // holds one (a row of such flags covers every column the row reads; a row
-// flagged anywhere is then folded in its own order, element by element).
+// flagged anywhere is then folded in its own order, element by element;
+// row_checks.h gathers them a row at a time).
 // The second stage of a two-stage filter reads the first stage's samples
 // from `intermediate`; `result` is named `name`.
 struct FullMaskStage {
@@ -87,7 +88,7 @@ struct FullMaskStage {
 // three passes of spans and their ends would cost more than the six folds
 // they save. An integer fold is one instruction, against a float's check
 // of each sample as well: measured, spans did not pay for integers.
-constexpr int one_by_one_levels = 2;
+constexpr int one_by_one_levels = 3;
 // `word_minimum`: whether the target's vectors take the minimum of signed
 // words as wide as a float sample in one instruction (see the float column).
 FullMaskStage define_full_mask_stage(const std::string &filter, size_t index, const Inputs &in,

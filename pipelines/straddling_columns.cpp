@@ -5,6 +5,7 @@
 #include "let_chains.h"
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -38,19 +39,53 @@ bool reads_only_at(const Expr &e, const std::string &buffer, const Expr &index) 
     return !elsewhere.found;
 }
 
+// A fold of the same sample into a register beside a vector's (a float
+// column's checks): its store and value, read outside the row's lets, and
+// the choice of the sample in it.
+struct SideFold {
+    const Store *store;
+    Expr value, choice;
+};
+
+// `e` without its strict_float marks (to compare it, not to compute it).
+class Unmarked : public IRMutator {
+    using IRMutator::visit;
+    Expr visit(const Call *op) override {
+        return op->is_intrinsic(Call::strict_float) ? mutate(op->args[0]) : IRMutator::visit(op);
+    }
+};
+
+Expr unmarked(const Expr &e) { return Unmarked().mutate(e); }
+
 // One vector of a block folded down the rows: the loop's body for it
 // (`own`, which holds the nodes below) and what it stores, read outside the
 // row's lets: stored = fold(stored, select(inside, gathered sample, pad)),
 // `inside` being a test of the lanes' columns and, on the rows by the
-// image's top and bottom, of the row (`row_inside`, else undefined).
+// image's top and bottom, of the row (`row_inside`, else undefined). The
+// fold is a maximum or minimum of integers, or a float's choice of the
+// greater or lesser (`stored` is the load of the vector folded into).
 struct FoldedVector {
     Stmt own;
     const Store *store;
-    Expr value, index;
+    Expr value, index, stored;
     PaddedGather gather;
     Expr row_inside;
     bool by_max;
+    std::vector<SideFold> sides;
     bool defined() const { return store != nullptr; }
+    Expr choice() const { return Expr(gather.choice); }
+    // `fold` of two vectors.
+    Expr fold(const Expr &a, const Expr &b) const { return substitute(stored, a, substitute(choice(), b, value)); }
+    // The side folds, of `sample` instead of the vector's own.
+    std::vector<Stmt> side_folds(const Expr &sample) const {
+        std::vector<Stmt> folds;
+        for (const SideFold &side : sides) {
+            const Store *s = side.store;
+            folds.push_back(Store::make(s->name, substitute(side.choice, sample, side.value), s->index, s->param,
+                                        s->predicate, s->alignment));
+        }
+        return folds;
+    }
 };
 
 // `e` without the clamps of rows into the image: max(min(r, hi), lo) for an
@@ -85,8 +120,11 @@ private:
 class MovedBlock {
 public:
     // `loop` folds `block` down the rows into a buffer of `size` elements.
-    MovedBlock(const For *loop, const std::vector<FoldedVector> &block, int64_t size, const std::string &id)
-        : loop_(loop), block_(block), front_(block.front()), size_(size), id_(id) {}
+    // `within` gives an expression read where the loop is with the lets
+    // around it substituted (each vector may have its own name for the same value).
+    MovedBlock(const For *loop, const std::vector<FoldedVector> &block, int64_t size, const std::string &id,
+               std::function<Expr(const Expr &)> within)
+        : loop_(loop), block_(block), front_(block.front()), size_(size), id_(id), within_(std::move(within)) {}
 
     // Whether the vectors follow one another in the buffer and in the image
     // and share their bounds, fold and row test (whose rows inside are then
@@ -105,11 +143,15 @@ public:
             const Expr columns = load_moved(v.gather, 0);
             const Load *load = columns.as<Load>();
             const Ramp *ramp = load ? load->index.as<Ramp>() : nullptr;
+            auto apart = [&](const Expr &a, const Expr &b) {
+                return apart_by(a, b, k * lanes()) || apart_by(within_(a), within_(b), k * lanes());
+            };
+            auto same = [&](const Expr &a, const Expr &b) { return equal(a, b) || equal(within_(a), within_(b)); };
             if (v.store->name != buffer() || !index || !is_const_one(index->stride) || !ramp ||
-                load->name != front_load_->name || !apart_by(ramp->base, front_ramp->base, k * lanes()) ||
-                !apart_by(index->base, first_index->base, k * lanes()) ||
-                !apart_by(v.gather.start, front_.gather.start, k * lanes()) || !equal(v.gather.lo, front_.gather.lo) ||
-                !equal(v.gather.hi, front_.gather.hi) || v.by_max != front_.by_max ||
+                load->name != front_load_->name || !apart(ramp->base, front_ramp->base) ||
+                !apart(index->base, first_index->base) || !apart(v.gather.start, front_.gather.start) ||
+                !same(v.gather.lo, front_.gather.lo) || !same(v.gather.hi, front_.gather.hi) ||
+                v.by_max != front_.by_max ||
                 v.row_inside.defined() != front_.row_inside.defined() ||
                 (v.row_inside.defined() && !equal(v.row_inside, front_.row_inside)))
                 return false;
@@ -124,7 +166,12 @@ public:
             Expr first = substitute(loop_->name, first_row(), columns(k, false));
             if (front_.row_inside.defined()) first = select(padded(), pad(), first);
             firsts.push_back(into_register(k, first));
-            steps.push_back(into_register(k, fold(in_register(k), columns(k, true))));
+            const Expr step = columns(k, true);
+            steps.push_back(into_register(k, fold(in_register(k), step)));
+            // A side fold takes the same samples (some twice, none of the pad:
+            // a float's checks are not changed by a sample taken twice).
+            for (const Stmt &side : block_[k].side_folds(first)) firsts.push_back(side);
+            for (const Stmt &side : block_[k].side_folds(step)) steps.push_back(side);
             places[half_of(k)].push_back(
                 into_buffer(buffer_vector(start() + k * lanes() + cast<int64_t>(move(half_of(k)))), in_register(k)));
         }
@@ -173,6 +220,7 @@ private:
     const FoldedVector &front_;
     const int64_t size_;
     const std::string id_;
+    const std::function<Expr(const Expr &)> within_;
     // The first vector's columns, read whole (`front_load_` in it).
     Expr front_columns_;
     const Load *front_load_ = nullptr;
@@ -189,7 +237,7 @@ private:
     Expr hi() const { return cast<int64_t>(front_.gather.hi); }
     Expr start() const { return cast<int64_t>(front_.gather.start); }
     Expr end() const { return start() + width(); }
-    Expr fold(const Expr &a, const Expr &b) const { return front_.by_max ? max(a, b) : min(a, b); }
+    Expr fold(const Expr &a, const Expr &b) const { return front_.fold(a, b); }
     // The first vector of each half (and, for 2, the end of the second).
     int half_start(int half) const { return half == 0 ? 0 : half == 1 ? (count() + 1) / 2 : count(); }
     int half_of(int k) const { return k < half_start(1) ? 0 : 1; }
@@ -274,6 +322,23 @@ class StraddlingColumns : public IRMutator {
     std::map<std::string, int64_t> sizes_;
     // The buffers a moved block writes around, with the block's width.
     std::map<std::string, int> widened_;
+    // The lets the pass is inside, outermost first.
+    std::vector<const LetStmt *> lets_;
+
+    Stmt visit(const LetStmt *op) override {
+        lets_.push_back(op);
+        Stmt body = mutate(op->body);
+        lets_.pop_back();
+        return body.same_as(op->body) ? Stmt(op) : LetStmt::make(op->name, op->value, body);
+    }
+
+    // `e`, read inside the pass's lets, with their values substituted.
+    Expr within(Expr e) const {
+        for (auto let = lets_.rbegin(); let != lets_.rend(); ++let) e = Let::make((*let)->name, (*let)->value, e);
+        return simplify(substitute_in_all_lets(e));
+    }
+    // Whether two expressions read inside the pass's lets are the same.
+    bool same(const Expr &a, const Expr &b) const { return equal(a, b) || equal(within(a), within(b)); }
 
     // A loop over rows whose body (after its lets) is a block of padded
     // gathers folded into the vectors it stores.
@@ -285,6 +350,20 @@ class StraddlingColumns : public IRMutator {
         std::vector<FoldedVector> block;
         for (const Stmt &vector : vectors) {
             Stmt own = For::make(op->name, op->min, op->extent, op->for_type, op->device_api, chain.around(vector));
+            const LetChain store_chain(own.as<For>()->body);
+            const Store *store = store_chain.body.as<Store>();
+            // A store at a fixed index folds into a register beside the vector before it.
+            if (!block.empty() && fixed(store_chain.substituted(store->index))) {
+                const Expr value = store_chain.substituted(store->value);
+                const PaddedGather &sample = block.back().gather;
+                PaddedGather g;
+                if (!find_padded_gather(value, &g) || !same(Expr(g.gather), Expr(sample.gather)) ||
+                    !same(g.choice->condition, sample.choice->condition) ||
+                    !same(unmarked(g.choice->false_value), unmarked(sample.choice->false_value)))
+                    return IRMutator::visit(op);
+                block.back().sides.push_back({store, value, Expr(g.choice)});
+                continue;
+            }
             block.push_back(folded_vector(op->name, own));
             if (!block.back().defined()) return IRMutator::visit(op);
         }
@@ -358,16 +437,49 @@ class StraddlingColumns : public IRMutator {
         return true;
     }
 
+    // Whether an index names no variable (a register's).
+    static bool fixed(const Expr &index) {
+        const Ramp *ramp = index.as<Ramp>();
+        return is_const(ramp ? ramp->base : index);
+    }
+
+    // Whether `value` folds `choice` into `stored` by a maximum (`by_max`)
+    // or minimum: of integers, or a float's strict choice of the greater
+    // (lesser) of the two, which takes a value twice as once as well where
+    // neither is NaN or -0.0 (a row holding one is folded again).
+    static bool fold_of(const Expr &value, const Expr &choice, Expr *stored, bool *by_max) {
+        if (const Max *greatest = value.as<Max>()) {
+            *stored = greatest->a, *by_max = true;
+            return equal(greatest->b, choice);
+        }
+        if (const Min *least = value.as<Min>()) {
+            *stored = least->a, *by_max = false;
+            return equal(least->b, choice);
+        }
+        const Expr plain = unmarked(value);
+        const Select *kept = plain.as<Select>();
+        if (!kept || !equal(unmarked(kept->false_value), choice)) return false;
+        *stored = unmarked(kept->true_value);
+        if (const GT *greater = kept->condition.as<GT>()) {
+            *by_max = true;
+            return equal(unmarked(greater->a), *stored) && equal(unmarked(greater->b), choice);
+        }
+        const LT *less = kept->condition.as<LT>();
+        *by_max = false;
+        return less && equal(unmarked(less->a), *stored) && equal(unmarked(less->b), choice);
+    }
+
     // The vector `own` (a loop over `row` around one store) folds, or
-    // nothing where it does not fold integers from a padded gather whose
-    // columns, lane tests and pad stay the same from row to row.
+    // nothing where it does not fold integers or floats from a padded
+    // gather whose columns, lane tests and pad stay the same from row to row.
     static FoldedVector folded_vector(const std::string &row, const Stmt &own) {
         const LetChain chain(own.as<For>()->body);
         const Store *store = chain.body.as<Store>();
         const Expr value = chain.substituted(store->value), index = chain.substituted(store->index);
         PaddedGather g;
-        if (expr_uses_var(index, row) || !find_padded_gather(value, &g) || !g.choice->type.is_int_or_uint() ||
-            g.choice->type.bits() < 8 || !equal(g.choice->true_value, Expr(g.gather)))
+        if (expr_uses_var(index, row) || !find_padded_gather(value, &g) ||
+            !(g.choice->type.is_float() || (g.choice->type.is_int_or_uint() && g.choice->type.bits() >= 8)) ||
+            !equal(g.choice->true_value, Expr(g.gather)))
             return {};
         // A row test, where there is one, is the same for every lane.
         Expr columns_inside = g.choice->condition, row_inside;
@@ -379,16 +491,15 @@ class StraddlingColumns : public IRMutator {
         }
         for (const Expr &e : {g.start, g.lo, g.hi, columns_inside, g.choice->false_value})
             if (expr_uses_var(e, row)) return {};
-        const Max *max_fold = value.as<Max>();
-        const Min *min_fold = value.as<Min>();
-        if (!max_fold && !min_fold) return {};
-        Expr a = max_fold ? max_fold->a : min_fold->a, b = max_fold ? max_fold->b : min_fold->b;
-        const Load *stored = a.as<Load>();
+        Expr stored;
+        bool by_max = false;
+        if (!fold_of(value, Expr(g.choice), &stored, &by_max)) return {};
+        const Load *load = stored.as<Load>();
         // Each vector must find its own samples: none reads another's.
-        if (!stored || stored->name != store->name || !equal(stored->index, index) || !b.same_as(Expr(g.choice)) ||
+        if (!load || load->name != store->name || !equal(load->index, index) ||
             !reads_only_at(value, store->name, index))
             return {};
-        return {own, store, value, index, g, row_inside, max_fold != nullptr};
+        return {own, store, value, index, stored, g, row_inside, by_max, {}};
     }
 
     // A block whose vectors follow one another is folded moved just
@@ -396,7 +507,8 @@ class StraddlingColumns : public IRMutator {
     Stmt moved_block(const For *op, const std::vector<FoldedVector> &block) {
         const std::string &buffer = block.front().store->name;
         if (!sizes_.count(buffer)) return Stmt();
-        MovedBlock moved(op, block, sizes_.at(buffer), std::to_string(buffers_++));
+        MovedBlock moved(op, block, sizes_.at(buffer), std::to_string(buffers_++),
+                         [this](const Expr &e) { return within(e); });
         if (!moved.valid()) return Stmt();
         // Its stores reach a block's width either side of the buffer's columns.
         widened_[buffer] = std::max(widened_[buffer], moved.width());

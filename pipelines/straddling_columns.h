@@ -18,9 +18,12 @@
 // outside the image fold the pad, whole vectors written from each bound
 // outwards. A maximum or minimum of integers takes a value twice as once,
 // so where the halves overlap the columns are the same; each column inside
-// gets its own samples and each outside the pad, as before. The column
-// buffer is widened by a block at both ends for the moved stores. Float
-// folds (which also gather flags) are left to border_loads.h.
+// gets its own samples and each outside the pad, as before. So does a
+// float's choice of the greater (lesser) sample where none is NaN or -0.0,
+// and a row with one is folded again in its own order: its checks, folded
+// into registers beside the column (row_checks.h), fold the moved samples
+// too (some twice, which changes no check; the pad was checked once per
+// call). The column buffer is widened by a block at both ends for the moved stores.
 #pragma once
 
 #include <Halide.h>

@@ -13,6 +13,7 @@ add_executable(flatmorph_compile
   pipelines/invariant_branches.cpp
   pipelines/lane_tests.cpp
   pipelines/loop_steps.cpp
+  pipelines/row_checks.cpp
   pipelines/row_edges.cpp
   pipelines/schedule.cpp
   pipelines/stages.cpp

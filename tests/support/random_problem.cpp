@@ -57,7 +57,7 @@ Problem random_problem(const Variant &v, std::mt19937 &rng) {
     p.image.w = std::max(p.image.w, 1);
     // Now and then a mask with every element active on an image and an output
     // of about 256 columns and more, which the integer filters fold column first
-    // (float stages 512 columns wide and more walk wider chunks).
+    // (float and 8-bit stages 512 columns wide and more walk wider chunks).
     const bool full_mask = pick(rng, 0, 5) == 0;
     if (full_mask) p.image.w = pick(rng, 0, 1) ? pick(rng, 256, 520) : pick(rng, 500, 1040);
     // Or an image narrower than the blocks that path folds its columns in,
@@ -90,7 +90,7 @@ Problem random_problem(const Variant &v, std::mt19937 &rng) {
     if (full_mask) {
         // Squares, rectangles and lines, up to just past the widest mask the
         // column-first path takes (65 columns).
-        // (Float windows of 8 columns and more fold by spans: each count of levels.)
+        // (Float windows of 16 columns and more fold by spans: each count of levels.)
         p.mask.sx = one_of<int>(rng, {1, 3, 5, 8, 9, 15, 16, 21, 31, 32, 64, 65, 66, pick(rng, 1, 70)});
         p.mask.sy = one_of<int>(rng, {1, 2, 3, 3, 5, 7, pick(rng, 1, p.image.h + 3)});
         p.mask.bytes.assign(static_cast<size_t>(p.mask.sx * p.mask.sy), 1);
