@@ -52,8 +52,8 @@ TEST(FloatFoldOrder, MultiRowMasksMatchReferenceModel) {
         {4, std::vector<uint8_t>(16, 1)},                    // 4 x 4, whole
         {5, std::vector<uint8_t>(15, 1)},                    // 5 x 3, whole
         {7, std::vector<uint8_t>(49, 1)},                    // 7 x 7, whole: folded column first on wide rows
-        {9, std::vector<uint8_t>(81, 1)},                    // 9 x 9, whole
-        {17, std::vector<uint8_t>(153, 1)},                  // 17 x 9, whole: its float windows folded from spans
+        {9, std::vector<uint8_t>(81, 1)},                    // 9 x 9, whole: its float windows folded from spans
+        {17, std::vector<uint8_t>(153, 1)},                  // 17 x 9, whole: spans of one level more
         {5, {1, 1, 1, 1, 1}},                                // one whole row
         {1, {1, 1, 1}},                                      // one whole column
     };
