@@ -180,12 +180,10 @@ public:
             return lower_path(filter, index, output_stage, def, intermediate, fields, name, chunk, vw, target);
         };
         paths_.push_back(lower(path_, full_mask_chunk));
-        // Float stages at least a wide chunk wide take wide chunks: fewer
-        // chunks and border chunks a row (see wide_chunks_pay). Integer
-        // stages lost: uint16 1.09 of the time on 4096 columns; uint8 gained
-        // 0.88 on 512 x 512 alone, but a second path in its row closure made
-        // the first one's rows of 256 columns take 1.9 times as long.
-        if (flagged_) paths_.push_back(lower(path_ + "_wide", full_mask_wide_chunk));
+        // Float and 8-bit stages at least a wide chunk wide take wide chunks:
+        // fewer chunks and border chunks a row (see wide_chunks_pay; wider
+        // integers lost: uint16 1.09 of the time on 4096 columns).
+        if (flagged_ || eight_bit()) paths_.push_back(lower(path_ + "_wide", full_mask_wide_chunk));
         width_ = output_stage ? Variable::make(Int(32), stage_ + ".extent.0") : fields.at(stage_ + ".extent.0");
     }
 
@@ -319,12 +317,21 @@ private:
     // wider than its output, folded 1024 columns a row in wide chunks on 512
     // columns, 768 in narrow ones; float32 closing of 512 x 512 in narrow
     // chunks: 0.95 of the time for 7 x 7, 0.91 for 15 x 15.)
-    // (Float32 15 x 15 and 31 x 31, one thread, wide chunks' time over
-    // narrow ones: 0.93 and 0.94 on 512 x 512, 0.85 and 0.91 on 4096 columns.)
+    //
+    // Measured, one thread, wide chunks' time over narrow ones: float32 15 x 15
+    // and 31 x 31, 0.93 and 0.94 on 512 x 512, 0.85 and 0.91 on 4096 columns;
+    // uint8 7 x 7, 15 x 15 and 31 x 31, 0.88, 0.87 and 0.92 on 512 x 512, 0.86
+    // to 0.94 on 2048 columns, but on 4096 columns 0.92, 0.99 and 1.0 to 1.05
+    // (21 x 21: 1.04): 8-bit stages wider than 2048 take them for masks of at
+    // most 15 rows only.
     Expr wide_chunks_pay() const {
         auto folded = [&](int chunk) { return (width_ + (chunk - 1)) / chunk * chunk; };
-        return width_ >= full_mask_wide_chunk && folded(full_mask_wide_chunk) <= folded(full_mask_chunk);
+        Expr pays = width_ >= full_mask_wide_chunk && folded(full_mask_wide_chunk) <= folded(full_mask_chunk);
+        if (eight_bit()) pays = pays && (width_ <= 2048 || strel_variable("extent.1") <= 15);
+        return pays;
     }
+
+    bool eight_bit() const { return in_.image.type().bytes() == 1; }
 
     // Once per call: whether the stage is at least one chunk wide, the mask
     // at most full_mask_max_columns wide, large enough in both directions for

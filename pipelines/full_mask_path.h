@@ -7,8 +7,8 @@
 // call whose pads are such values.
 //
 // Halide compiles that path as a pipeline of its own (define_full_mask_stage,
-// schedule_full_mask; a float stage once more with wide chunks, taken on
-// stages at least that wide); this pass lowers it, takes its row body, and
+// schedule_full_mask; a float or 8-bit stage once more with wide chunks,
+// taken on stages at least that wide); this pass lowers it, takes its row body, and
 // puts it into the row closure of the stage's wide path behind a test made once per
 // call: the mask's bytes all 1, the mask at most full_mask_max_columns wide
 // and the stage at least one chunk wide. The entry, its checks, its regions

@@ -18,8 +18,8 @@ void schedule_filter(const FilterDefinition &filter, const Inputs &in, int vecto
 
 // The full-mask path walks a row in chunks of this many output columns, each
 // with its column folds in stack buffers of a fixed size; it serves stages at
-// least one chunk wide and masks at most this many columns wide. Float stages
-// at least a wide chunk wide may walk wide chunks.
+// least one chunk wide and masks at most this many columns wide. Float and
+// 8-bit stages at least a wide chunk wide may walk wide chunks.
 constexpr int full_mask_chunk = 256;
 constexpr int full_mask_wide_chunk = 512;
 constexpr int full_mask_max_columns = 65;

@@ -143,10 +143,15 @@ public:
             const Expr columns = load_moved(v.gather, 0);
             const Load *load = columns.as<Load>();
             const Ramp *ramp = load ? load->index.as<Ramp>() : nullptr;
+            // Float blocks name each vector's values apart (integer ones
+            // keep the matching they were measured with).
+            const bool through_lets = type().is_float();
             auto apart = [&](const Expr &a, const Expr &b) {
-                return apart_by(a, b, k * lanes()) || apart_by(within_(a), within_(b), k * lanes());
+                return apart_by(a, b, k * lanes()) || (through_lets && apart_by(within_(a), within_(b), k * lanes()));
             };
-            auto same = [&](const Expr &a, const Expr &b) { return equal(a, b) || equal(within_(a), within_(b)); };
+            auto same = [&](const Expr &a, const Expr &b) {
+                return equal(a, b) || (through_lets && equal(within_(a), within_(b)));
+            };
             if (v.store->name != buffer() || !index || !is_const_one(index->stride) || !ramp ||
                 load->name != front_load_->name || !apart(ramp->base, front_ramp->base) ||
                 !apart(index->base, first_index->base) || !apart(v.gather.start, front_.gather.start) ||
@@ -352,8 +357,10 @@ class StraddlingColumns : public IRMutator {
             Stmt own = For::make(op->name, op->min, op->extent, op->for_type, op->device_api, chain.around(vector));
             const LetChain store_chain(own.as<For>()->body);
             const Store *store = store_chain.body.as<Store>();
-            // A store at a fixed index folds into a register beside the vector before it.
-            if (!block.empty() && fixed(store_chain.substituted(store->index))) {
+            // A store at a fixed index of another buffer folds into a
+            // register beside the vector before it.
+            if (!block.empty() && store->name != block.back().store->name &&
+                fixed(store_chain.substituted(store->index))) {
                 const Expr value = store_chain.substituted(store->value);
                 const PaddedGather &sample = block.back().gather;
                 PaddedGather g;

@@ -57,7 +57,7 @@ Problem random_problem(const Variant &v, std::mt19937 &rng) {
     p.image.w = std::max(p.image.w, 1);
     // Now and then a mask with every element active on an image and an output
     // of about 256 columns and more, which the integer filters fold column first
-    // (float stages 512 columns wide and more walk wider chunks).
+    // (float and 8-bit stages 512 columns wide and more walk wider chunks).
     const bool full_mask = pick(rng, 0, 5) == 0;
     if (full_mask) p.image.w = pick(rng, 0, 1) ? pick(rng, 256, 520) : pick(rng, 500, 1040);
     // Or an image narrower than the blocks that path folds its columns in,
