@@ -67,16 +67,13 @@ private:
     using IRMutator::visit;
     const RowChecks &checks_;
     const std::string prefix_;
-    // The sums and words folded so far in each enclosing loop's body.
-    struct Counts {
-        int sums = 0, words = 0;
-    };
-    std::vector<Counts> counts_{Counts()};
+    // The sums folded so far in each enclosing loop's body.
+    std::vector<int> sums_{0};
 
     Stmt visit(const For *op) override {
-        counts_.emplace_back();
+        sums_.push_back(0);
         Stmt s = IRMutator::visit(op);
-        counts_.pop_back();
+        sums_.pop_back();
         return s;
     }
 
@@ -85,8 +82,7 @@ private:
         const bool sums = op->name == checks_.sums;
         if (!sums && op->name != checks_.words) return IRMutator::visit(op);
         const Type t = op->value.type();
-        int &n = sums ? counts_.back().sums : counts_.back().words;
-        const int chain = n++ % (sums ? sum_chains : 1);
+        const int chain = sums ? sums_.back()++ % sum_chains : 0;
         const std::string name =
             prefix_ + (sums ? ".sums" : ".words") + std::to_string(t.lanes()) + "_" + std::to_string(chain);
         accumulators.emplace(name, Accumulator{t, sums});
