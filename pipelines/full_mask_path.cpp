@@ -31,6 +31,28 @@ private:
     Stmt *kept_;
 };
 
+// Halide computes an integer window's spans in every chunk, though its steps
+// fold none where the window is narrow: they are computed only where it
+// takes steps. The test is a loop run once or not at all, not a branch, which
+// the invariant branches pass would make the chunk loop's fast copy take:
+// narrow windows would run the slow one. (As a path of its own for the
+// steps, an integer variant took twice as long to compile.)
+class SpansOnlyWhereSteps : public IRMutator {
+public:
+    SpansOnlyWhereSteps(const std::string &spans, const Param<int> &levels)
+        : spans_(spans), steps_taken_(levels > one_by_one_levels) {}
+
+private:
+    using IRMutator::visit;
+    const std::string spans_;
+    const Expr steps_taken_;
+
+    Stmt visit(const ProducerConsumer *op) override {
+        if (!op->is_producer || op->name != spans_) return IRMutator::visit(op);
+        return For::make(spans_ + ".computed", 0, select(steps_taken_, 1, 0), ForType::Serial, DeviceAPI::None, op);
+    }
+};
+
 // The first parallel loop of a lowered pipeline, with the lets it sits in.
 class FirstParallelLoop : public IRVisitor {
 public:
@@ -213,7 +235,9 @@ private:
         // back). A float row gathers its checks in registers first, so that
         // the moved edge blocks fold them too.
         const std::vector<OutputImageParam> outputs = stage.result.output_buffers();
-        if (flagged_) {
+        if (!flagged_) {
+            path.add_custom_lowering_pass(new SpansOnlyWhereSteps(stage.spans.back().name(), stage.levels));
+        } else {
             const std::string columns = stage.columns.name();
             path.add_custom_lowering_pass(make_row_checks_pass(
                 {columns + ".1", columns + ".2", outputs[1].name(), row_flag_, word_minimum}, columns + ".checks"));

@@ -104,7 +104,20 @@ void schedule_full_mask(const FullMaskStage &stage, int vw, int chunk_columns) {
         // in registers (it copied them to the stack and back: 4 % of the
         // instructions at 512 columns, 11 % at 4096).
         window.compute_at(result, chunk).bound_extent(x, chunk_columns).vectorize(x, vw).unroll(x);
-        fold_in_blocks(window.update(), stage.cols, vw, window_block_vectors);
+        fold_in_blocks(window.update(0), stage.cols, vw, window_block_vectors);
+        // A wider window's spans cover the column buffer but its last columns,
+        // where none starts, in blocks of 4 vectors (the last one shifted
+        // inward); they are computed only where the window takes steps (see
+        // full_mask_path.cpp), which fold them in blocks of vectors too.
+        Func spans = stage.spans.back();
+        Var block("block"), vector("vector");
+        spans.compute_at(result, chunk)
+            .bound_extent(x, buffer_columns(chunk_columns) - (integer_span - 1))
+            .split(x, block, x, 4 * vw, TailStrategy::ShiftInwards)
+            .split(x, vector, x, vw)
+            .vectorize(x)
+            .unroll(vector);
+        fold_in_blocks(window.update(1), stage.steps, vw, window_block_vectors);
         result.unroll(tile);
         return;
     }

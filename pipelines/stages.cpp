@@ -166,8 +166,10 @@ FullMaskStage define_full_mask_stage(const std::string &filter, size_t index, co
     // An integer column folds every row of the mask from the identity; a
     // float one starts from its first sample (see below).
     RDom rows = flagged ? RDom(1, m.sy - 1, name + "_rows") : RDom(0, m.sy, name + "_rows");
+    const Expr one_by_one = levels <= one_by_one_levels;
     FullMaskStage s{Func(name + "_columns"), {}, Func(name + "_window"), Func(name), rows,
-                    RDom(1, flagged ? select(levels <= one_by_one_levels, m.sx - 1, 0) : m.sx - 1, name + "_cols"),
+                    RDom(1, select(one_by_one, m.sx - 1, 0), name + "_cols"),
+                    flagged ? RDom() : RDom(0, select(one_by_one, 0, (m.sx - 1) / integer_span + 1), name + "_steps"),
                     levels};
     const Fold fold = rule.fold;
     // The same rows as the element-wise fold: reflected for a dilation.
@@ -214,7 +216,14 @@ FullMaskStage define_full_mask_stage(const std::string &filter, size_t index, co
         flag = select(column_flag(lo) || column_flag(lo + m.sx - 1), Internal::make_one(flag_word),
                       Internal::make_zero(flag_word));
     }
-    // The levels a window of at most `max_columns` columns may need.
+    if (!flagged) {
+        Expr span = s.columns(x, y);
+        for (int i = 1; i < integer_span; i++) span = fold_step(fold, span, s.columns(x + i, y));
+        Func spans(name + "_span" + std::to_string(integer_span));
+        spans(x, y) = span;
+        s.spans.push_back(spans);
+    }
+    // The levels a float window of at most `max_columns` columns may need.
     for (int l = 1; flagged && (1 << l) <= max_columns; l++) {
         Func level(name + "_span" + std::to_string(l));
         level(x, y) = fold_step(fold, s.spans.back()(x, y), s.spans.back()(x + (1 << (l - 1)), y));
@@ -222,12 +231,18 @@ FullMaskStage define_full_mask_stage(const std::string &filter, size_t index, co
     }
     // A narrow window folds its columns one by one; a wider one is the fold of two spans.
     Expr folded = s.spans[0](lo, y);
-    for (int l = one_by_one_levels + 1; l < (int)s.spans.size(); l++) {
+    for (int l = one_by_one_levels + 1; flagged && l < (int)s.spans.size(); l++) {
         Expr wider = fold_step(fold, s.spans[l](lo, y), s.spans[l](lo + m.sx - (1 << l), y));
         folded = select(s.levels == l, wider, folded);
     }
     s.window(x, y) = folded;
     s.window(x, y) = fold_step(fold, s.window(x, y), s.spans[0](lo + s.cols, y));
+    // (The clamp only tells Halide that the spans read stay within the
+    // window: windows taking steps are wider than a span.)
+    if (!flagged) {
+        Expr last = max(m.sx - integer_span, 0);
+        s.window(x, y) = fold_step(fold, s.window(x, y), s.spans.back()(lo + min(integer_span * s.steps, last), y));
+    }
     if (!flagged) s.result(x, y) = rule.finish(s.window(x, y));
     else s.result(x, y) = {rule.finish(s.window(x, y)), flag};
     return s;

@@ -65,8 +65,11 @@ FilterDefinition define_filter(const std::string &filter, const Inputs &in);
 // columns at its ends, which overlap (`levels` is floor(log2 of the mask's
 // width), a parameter the path binds): `spans[l]` folds 2^l neighbouring
 // columns (spans[0] is the columns' values, each level two halves of the one
-// before). Other windows fold their columns one by one (`cols`). The integer
-// and bool folds do not depend on the order or repetition of their samples.
+// before). An integer or bool window wider than 7 columns folds spans of
+// `integer_span` neighbouring columns (spans[1]) that many columns apart
+// (`steps`), the last one ending at the window's end. Other windows fold
+// their columns one by one (`cols`). The integer and bool folds do not
+// depend on the order or repetition of their samples.
 // The float folds do only through NaN and the sign of zero, so a float
 // column also gathers whether it holds such a sample, and a float stage is a
 // Tuple: its value and a flag, 1 where its window's first or last column
@@ -79,18 +82,20 @@ struct FullMaskStage {
     Halide::Func columns;
     std::vector<Halide::Func> spans;
     Halide::Func window, result;
-    Halide::RDom rows, cols;
+    Halide::RDom rows, cols, steps;
     Halide::Param<int> levels;
-    // Whether the window folds spans where it is wide enough.
-    bool folds_spans() const { return spans.size() > 1; }
+    // Whether the window folds float spans where it is wide enough.
+    bool folds_spans() const { return !steps.defined() && spans.size() > 1; }
 };
 // Windows needing at most this many levels fold their columns one by one:
-// three passes of spans and their ends would cost more than the six folds
-// they save. (Windows of up to 15 columns one by one, in blocks of 8
-// vectors, took 5 % fewer instructions but 6 to 9 % more time on float32
-// 15 x 15: each fold reads the column buffer.) An integer fold is one instruction, against a float's check
-// of each sample as well: measured, spans did not pay for integers.
+// for a float window, three passes of spans and their ends would cost more
+// than the six folds they save. (Windows of up to 15 columns one by one, in
+// blocks of 8 vectors, took 5 % fewer instructions but 6 to 9 % more time
+// on float32 15 x 15: each fold reads the column buffer.) An integer fold
+// is one instruction: a pass of spans of 4 columns and a step every 4
+// columns pay from 8 columns on (31 columns: 8 steps instead of 30 folds).
 constexpr int one_by_one_levels = 2;
+constexpr int integer_span = 4;
 // `word_minimum`: whether the target's vectors take the minimum of signed
 // words as wide as a float sample in one instruction (see the float column).
 FullMaskStage define_full_mask_stage(const std::string &filter, size_t index, const Inputs &in,

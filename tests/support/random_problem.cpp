@@ -90,8 +90,9 @@ Problem random_problem(const Variant &v, std::mt19937 &rng) {
     if (full_mask) {
         // Squares, rectangles and lines, up to just past the widest mask the
         // column-first path takes (65 columns).
-        // (Float windows of 8 columns and more fold by spans: each count of levels.)
-        p.mask.sx = one_of<int>(rng, {1, 3, 5, 8, 9, 15, 16, 21, 31, 32, 64, 65, 66, pick(rng, 1, 70)});
+        // (Windows of 8 columns and more fold spans: floats each count of
+        // levels, integers 4 columns a step, the last step at each remainder.)
+        p.mask.sx = one_of<int>(rng, {1, 3, 5, 8, 9, 14, 15, 16, 21, 31, 32, 64, 65, 66, pick(rng, 1, 70)});
         p.mask.sy = one_of<int>(rng, {1, 2, 3, 3, 5, 7, pick(rng, 1, p.image.h + 3)});
         p.mask.bytes.assign(static_cast<size_t>(p.mask.sx * p.mask.sy), 1);
         // Image rows 4 KB apart and more, which the column-first path folds in another order.
