@@ -11,7 +11,7 @@
 #include "border_windows.h"
 #include "frame_pass.h"
 #include "full_mask_path.h"
-#include "hoisted_pads.h"
+#include "row_invariants.h"
 #include "lane_tests.h"
 #include "loop_steps.h"
 #include "row_edges.h"
@@ -82,7 +82,7 @@ int compile_variant(const std::string &filter_name, const std::string &type, con
     // A full mask may fold column first, each stage on its own.
     for (size_t stage = 0; stage < filter.stages.size(); stage++)
         pipeline.add_custom_lowering_pass(make_full_mask_pass(filter_name, stage, filter, in, vw, target), nullptr);
-    pipeline.add_custom_lowering_pass(make_hoisted_pads_pass(), nullptr);
+    pipeline.add_custom_lowering_pass(make_row_invariants_pass(), nullptr);
     // The jammed interior groups step their addresses (see tile_jam.h).
     pipeline.add_custom_lowering_pass(make_loop_steps_pass(".jam"), nullptr);
     Module module = pipeline.compile_to_module({in.image, in.minmax, in.strel}, variant, target, LinkageType::External);

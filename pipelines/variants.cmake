@@ -9,7 +9,7 @@ add_executable(flatmorph_compile
   pipelines/element_rules.cpp
   pipelines/frame_pass.cpp
   pipelines/full_mask_path.cpp
-  pipelines/hoisted_pads.cpp
+  pipelines/row_invariants.cpp
   pipelines/invariant_branches.cpp
   pipelines/lane_tests.cpp
   pipelines/loop_steps.cpp
