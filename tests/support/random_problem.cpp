@@ -64,6 +64,12 @@ Problem random_problem(const Variant &v, std::mt19937 &rng) {
     // under an output that runs past it (filters that read the image at the
     // output's own positions keep it inside).
     if (full_mask && !v.filter->residual() && pick(rng, 0, 4) == 0) p.image.w = pick(rng, vw + 1, 200);
+    // Now and then rows of exactly one group of tiles folded together, or of
+    // a few more tiles, under a mask 5 columns wide and more: the groups'
+    // border tiles fold from padded windows of the mask rows.
+    const int group = std::min(8 * vw, 256);
+    const bool grouped = !full_mask && pick(rng, 0, 7) == 0;
+    if (grouped) p.image.w = pick(rng, 0, 1) ? group : group + pick(rng, 1, 3 * vw);
     p.image.h = pick(rng, 1, 9);
     if (pick(rng, 0, 2) > 0) {
         p.image.x0 = pick(rng, -6, 6);
@@ -84,6 +90,7 @@ Problem random_problem(const Variant &v, std::mt19937 &rng) {
         p.mask.sx = pick(rng, 2, 5);
         p.mask.sy = one_of<int>(rng, {pick(rng, 20, 40), pick(rng, 120, 140)});
     }
+    if (grouped) p.mask.sx = pick(rng, 4, 20);
     const bool sparse = pick(rng, 0, 3) == 0;
     for (int i = 0; i < p.mask.sx * p.mask.sy; i++)
         p.mask.bytes.push_back(sparse ? one_of<int>(rng, {0, 1, 2, 255}) : one_of<int>(rng, {1, 1, 1, 1, 0, 2}));
@@ -129,6 +136,10 @@ Problem random_problem(const Variant &v, std::mt19937 &rng) {
             p.output.x0 = p.image.x0;
             p.output.y0 = p.image.y0;
         }
+    }
+    if (grouped && !v.filter->residual()) {
+        p.output.w = pick(rng, 0, 1) ? group : pick(rng, group, p.image.w + 6);
+        p.output.x0 = p.image.x0 + pick(rng, -3, 3);
     }
     const Intermediate m = intermediate(*v.filter, *v.elem, vw, p.image, p.mask.sx, p.mask.sy, p.output);
     return v.filter->two_stage() && !m.valid() ? random_problem(v, rng) : p;
