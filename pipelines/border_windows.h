@@ -27,10 +27,6 @@
 
 #include <Halide.h>
 
-#include <string>
-#include <utility>
-#include <vector>
-
 namespace flatmorph {
 
 // Masks up to this wide get windows, each this wide plus two vectors, as
@@ -39,29 +35,5 @@ constexpr int border_window_max_columns = 64;
 constexpr int border_windows_bytes = 16 * 1024;
 
 Halide::Internal::IRMutator *make_border_windows_pass();
-
-// A border tile's mask rows folded from their padded windows: `fill` fills
-// them in `buffer` (`elements` samples kept as `kept`) and `folds` is the
-// loop over the mask rows reading them, both within `lets`; the windows'
-// space holds them where `fits`.
-struct TileWindows {
-    std::vector<std::pair<std::string, Halide::Expr>> lets;  // outermost first
-    std::string buffer;
-    Halide::Type kept;
-    int elements = 0;
-    Halide::Internal::Stmt fill, folds;
-    Halide::Expr fits;
-    Halide::Expr mask_columns;  // of each mask row
-    // `use` with the windows allocated and filled first.
-    Halide::Internal::Stmt filled(const Halide::Internal::Stmt &use) const;
-    // `s` within the lets.
-    Halide::Internal::Stmt around(Halide::Internal::Stmt s) const;
-};
-
-// The windows of the border tile whose loop over its mask rows is `mask_rows`
-// (that loop's names take `name_suffix` in the windows' own names), if it
-// folds padded gathers as such a tile does.
-bool tile_windows(const Halide::Internal::For *mask_rows, const std::string &buffer, const std::string &name_suffix,
-                  TileWindows *windows);
 
 }  // namespace flatmorph

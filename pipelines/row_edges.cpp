@@ -1,7 +1,6 @@
 #include "row_edges.h"
 
 #include "border_loads.h"
-#include "border_windows.h"
 #include "let_chains.h"
 #include "tile_jam.h"
 
@@ -177,52 +176,6 @@ private:
     Expr at(const Expr &e, const Expr &base) const { return substitute(lane_base_, base, e); }
 };
 
-// A border tile's body folding its mask rows from their padded windows
-// (border_windows.h), and those windows, for the tile whose first lane is
-// `lane`.
-class WindowedTile {
-public:
-    WindowedTile(const Stmt &body, const std::string &side, int *windows) {
-        const LetChain lets(body);
-        if (lets.lets.empty() || !is_lane_base(lets.lets[0]->name)) return;
-        lane_base_ = lets.lets[0]->name;
-        FromWindows from("row_edge_windows$" + std::to_string((*windows)++), "." + side);
-        body_ = from.mutate(body);
-        windows_ = from.windows;
-        valid_ = from.found;
-    }
-    bool valid() const { return valid_; }
-    Stmt body(const Expr &lane) const { return AtBase(lane).mutate(body_); }
-    TileWindows windows(const Expr &lane) const {
-        TileWindows w = windows_;
-        for (auto &let : w.lets) let.second = substitute(lane_base_, lane, let.second);
-        w.fill = substitute(lane_base_, lane, w.fill);
-        w.fits = substitute(lane_base_, lane, w.fits);
-        return w;
-    }
-
-private:
-    class FromWindows : public IRMutator {
-    public:
-        FromWindows(std::string buffer, std::string suffix) : buffer_(std::move(buffer)), suffix_(std::move(suffix)) {}
-        TileWindows windows;
-        bool found = false;
-
-    private:
-        using IRMutator::visit;
-        const std::string buffer_, suffix_;
-        Stmt visit(const For *op) override {
-            if (found || !tile_windows(op, buffer_, suffix_, &windows)) return IRMutator::visit(op);
-            found = true;
-            return windows.folds;
-        }
-    };
-    bool valid_ = false;
-    std::string lane_base_;
-    Stmt body_;
-    TileWindows windows_;
-};
-
 // Where a row's tiles start: tile t's first lane is min(first + t * VW,
 // last), the last tile shifted inward to end with the row.
 struct RowTiles {
@@ -246,7 +199,6 @@ private:
     using IRMutator::visit;
     const int n_, vw_;
     Allocations allocations_;
-    int windows_ = 0;
 
     Stmt visit(const Allocate *op) override {
         Expr elements = make_one(Int(64));
@@ -312,42 +264,6 @@ private:
         const Stmt as_before = Block::make({at_left.body, at_interior.body, at_right.body});
         Stmt chosen = IfThenElse::make(simplify(edges && width == n * vw), one_group, as_before);
         chosen = IfThenElse::make(simplify(edges && groups_fit), grouped, chosen);
-        const WindowedTile left_windowed(left_body, "left", &windows_), right_windowed(right_body, "right", &windows_);
-        if (left_windowed.valid() && right_windowed.valid()) {
-            // Under masks 5 columns wide and more, the border tiles fold
-            // from padded windows of their mask rows, filled before the
-            // group's pass: each fold is then one load, as an interior
-            // tile's, instead of a load and a test of its lanes costing some
-            // 15 instructions more (uint8 disks of 7 and 15 on 512 x 512:
-            // 0.83 and 0.62 of the instructions). Filling them cost more than
-            // they spared under narrower masks (3 x 3: 1.2 times). They read
-            // only the image's own columns, so the rows by the buffer's ends
-            // take the groups too.
-            const TileWindows left_windows = left_windowed.windows(first), right_windows = right_windowed.windows(last);
-            const Stmt left_group =
-                left_windows.filled(group("left", first, left_windowed.body(first), interior_body));
-            const Stmt right_group =
-                right_windows.filled(group("right", right_start, interior_body, right_windowed.body(last)));
-            const Stmt whole_group = left_windows.filled(
-                right_windows.filled(group("whole", first, left_windowed.body(first), right_windowed.body(last))));
-            // The test of the windows is made only under masks wide enough:
-            // made for every mask, it cost a 3 x 3 mask's rows of 256 uint8
-            // columns 12 % more instructions.
-            const std::string taken = "row_edge_windows$" + std::to_string(windows_) + ".taken";
-            auto set_taken = [&](Expr value) {
-                return Store::make(taken, cast<uint8_t>(value), 0, Parameter(), const_true(), ModulusRemainder());
-            };
-            Expr windows_fit = (left->extent > 0 || right->extent > 0) && left_windows.fits && right_windows.fits &&
-                               left_tile.inside(first + vw) && right_tile.inside(last - vw);
-            Stmt test = Block::make(set_taken(0), IfThenElse::make(left_windows.mask_columns >= 5,
-                                                                     set_taken(simplify(windows_fit))));
-            Expr windowed = Load::make(UInt(8), taken, 0, Buffer<>(), Parameter(), const_true(), ModulusRemainder()) != 0;
-            chosen = IfThenElse::make(simplify(windowed && width == n * vw), whole_group, chosen);
-            chosen = IfThenElse::make(simplify(windowed && groups_fit), Block::make({left_group, middle, right_group}),
-                                      chosen);
-            chosen = Allocate::make(taken, UInt(8), MemoryType::Stack, {1}, const_true(), Block::make(test, chosen));
-            chosen = left_windows.around(right_windows.around(chosen));
-        }
         return at_left.around(at_interior.around(at_right.around(chosen)));
     }
 };

@@ -18,13 +18,9 @@
 // (which read samples of the row before or after, or the gap between rows)
 // taking the pad by their test as before. The rest of the row is the
 // interior run, jammed as before. Each lane folds the same samples in the
-// same order, so the results are the same bit for bit. Under masks 5
-// columns wide and more whose padded windows border_windows.h can hold, the
-// group's border tile instead folds from those windows, filled before the
-// group's pass, without a test of its lanes; those rows need not lie within
-// the buffer's memory. Other rows (those reading the buffer's first or last
-// row under narrower masks, rows narrower than one group, masks reaching
-// past a tile) keep the tiles as they were.
+// same order, so the results are the same bit for bit. Other rows (those
+// reading the buffer's first or last row, rows narrower than one group,
+// masks reaching past a tile) keep the tiles as they were.
 #pragma once
 
 #include <Halide.h>

@@ -158,31 +158,16 @@ private:
     const int vw_;
 
     template <typename T>
-    T aligned(const T &copy, const T &first, int tiles_on) const {
+    T aligned(const T &copy, const T &first, size_t i) const {
         VectorLoads loads;
         first.accept(&loads);
-        return AlignWithFirstCopy(loads.loads, vw_ * tiles_on).mutate(copy);
+        return AlignWithFirstCopy(loads.loads, vw_ * static_cast<int>(i)).mutate(copy);
     }
 
-    // The copies' loads are stated as the first copy's, or as the second's
-    // where the first reads no buffer the second reads (a border tile
-    // folding from its windows, see row_edges.h).
     Stmt leaves(const std::vector<Stmt> &copies, bool fold) const {
-        size_t reference = 0;
-        if (copies.size() > 1) {
-            VectorLoads first, second;
-            copies[0].accept(&first);
-            copies[1].accept(&second);
-            bool shared = false;
-            for (const Load *a : first.loads)
-                for (const Load *b : second.loads) shared = shared || a->name == b->name;
-            if (!shared) reference = 1;
-        }
         std::vector<Stmt> out;
-        for (size_t i = 0; i < copies.size(); i++) {
-            const int tiles_on = static_cast<int>(i) - static_cast<int>(reference);
-            out.push_back(fold && tiles_on ? aligned(copies[i], copies[reference], tiles_on) : copies[i]);
-        }
+        for (size_t i = 0; i < copies.size(); i++)
+            out.push_back(fold && i ? aligned(copies[i], copies[0], i) : copies[i]);
         return Block::make(out);
     }
 
@@ -196,7 +181,7 @@ private:
             if (all_same(copies, same_name)) return LetStmt::make(let->name, let->value, body);
             for (size_t i = copies.size(); i-- > 0;) {
                 const LetStmt *copy = copies[i].as<LetStmt>();
-                Expr value = fold && i ? aligned(copy->value, let->value, static_cast<int>(i)) : copy->value;
+                Expr value = fold && i ? aligned(copy->value, let->value, i) : copy->value;
                 body = LetStmt::make(copy->name, value, body);
             }
             return body;

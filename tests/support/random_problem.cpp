@@ -65,8 +65,8 @@ Problem random_problem(const Variant &v, std::mt19937 &rng) {
     // output's own positions keep it inside).
     if (full_mask && !v.filter->residual() && pick(rng, 0, 4) == 0) p.image.w = pick(rng, vw + 1, 200);
     // Now and then rows of exactly one group of tiles folded together, or of
-    // a few more tiles, under a mask 5 columns wide and more: the groups'
-    // border tiles fold from padded windows of the mask rows.
+    // a few more tiles, under masks 4 to 20 columns wide: the border tiles
+    // fold in the groups at each end (rows by the image's ends included).
     const int group = std::min(8 * vw, 256);
     const bool grouped = !full_mask && pick(rng, 0, 7) == 0;
     if (grouped) p.image.w = pick(rng, 0, 1) ? group : group + pick(rng, 1, 3 * vw);
