@@ -33,35 +33,6 @@ private:
     }
 };
 
-// Within one row body: each load of the pad table whose index does not vary
-// in the body becomes a variable, bound once before the row loop.
-class PadLoads : public IRMutator {
-public:
-    PadLoads(std::string row, std::set<std::string> defined, std::string prefix)
-        : row_(std::move(row)), defined_(std::move(defined)), prefix_(std::move(prefix)) {}
-    std::vector<std::pair<std::string, Expr>> hoisted;
-
-private:
-    using IRMutator::visit;
-    const std::string row_;
-    const std::set<std::string> defined_;
-    const std::string prefix_;
-
-    bool invariant(const Expr &e) const {
-        for (const std::string &name : defined_)
-            if (expr_uses_var(e, name)) return false;
-        return !expr_uses_var(e, row_);
-    }
-    Expr visit(const Load *op) override {
-        if (op->name != "minmax" || op->type.is_vector() || !invariant(op->index)) return IRMutator::visit(op);
-        for (const auto &[name, load] : hoisted)
-            if (equal(load, Expr(op))) return Variable::make(op->type, name);
-        const std::string name = prefix_ + std::to_string(hoisted.size());
-        hoisted.emplace_back(name, op);
-        return Variable::make(op->type, name);
-    }
-};
-
 // The variables an expression reads, whether it reads memory, and how many
 // of its operations are not simple arithmetic.
 class Reads : public IRVisitor {
@@ -95,43 +66,71 @@ private:
     }
 };
 
-// Within one row body: each scalar the body works out from what every row
-// shares (the pads' conversion to the sample type, the tests of the row's
-// edges on the columns, the mask's bounds) becomes a variable, bound once
-// before the row loop. Each is taken whole: its parts are not looked into.
-class RowInvariants : public IRMutator {
+// Expressions of one row body that every row shares, each replaced by a
+// variable to be bound once before the row loop (`hoisted`, in order).
+class RowHoist : public IRMutator {
 public:
-    RowInvariants(std::string row, std::set<std::string> defined, std::string prefix)
+    RowHoist(std::string row, std::set<std::string> defined, std::string prefix)
         : row_(std::move(row)), defined_(std::move(defined)), prefix_(std::move(prefix)) {}
     std::vector<std::pair<std::string, Expr>> hoisted;
-    using IRMutator::mutate;
 
-private:
-    using IRMutator::visit;
-    const std::string row_;
-    const std::set<std::string> defined_;
-    const std::string prefix_;
-    // Lighter work LLVM folds into what uses it better than a closure field
-    // (with none spared, a column-first 15 x 15 dilation took up to 5 % more
-    // instructions).
-    static constexpr int min_work = 4;
-
-    bool shared_by_rows(const Expr &e) const {
-        if (!e.type().is_scalar() || e.as<Variable>() || is_const(e) || e.type().is_handle()) return false;
-        Reads reads;
-        e.accept(&reads);
-        if (reads.memory || reads.variables.count(row_) || reads.work < min_work) return false;
+protected:
+    // Whether what was read reads neither the row nor anything the body defines.
+    bool shared_by_rows(const Reads &reads) const {
+        if (reads.variables.count(row_)) return false;
         for (const std::string &name : reads.variables)
             if (defined_.count(name)) return false;
         return true;
     }
-    Expr mutate(const Expr &e) override {
-        if (!e.defined() || !shared_by_rows(e)) return IRMutator::mutate(e);
+    Expr hoist(const Expr &e) {
         for (const auto &[name, value] : hoisted)
             if (equal(value, e)) return Variable::make(e.type(), name);
         const std::string name = prefix_ + std::to_string(hoisted.size());
         hoisted.emplace_back(name, e);
         return Variable::make(e.type(), name);
+    }
+
+private:
+    const std::string row_;
+    const std::set<std::string> defined_;
+    const std::string prefix_;
+};
+
+// Each load of the pad table whose index every row shares.
+class PadLoads : public RowHoist {
+public:
+    using RowHoist::RowHoist;
+
+private:
+    using IRMutator::visit;
+    Expr visit(const Load *op) override {
+        if (op->name != "minmax" || op->type.is_vector()) return IRMutator::visit(op);
+        Reads index;
+        op->index.accept(&index);
+        return shared_by_rows(index) ? hoist(op) : IRMutator::visit(op);
+    }
+};
+
+// Each scalar the body works out from what every row shares (the pads'
+// conversion to the sample type, the tests of the row's edges on the
+// columns), taken whole: its parts are not looked into.
+class RowInvariants : public RowHoist {
+public:
+    using RowHoist::RowHoist;
+    using IRMutator::mutate;
+
+private:
+    // Lighter work LLVM folds into what uses it better than a closure field
+    // (with none spared, a column-first 15 x 15 dilation took up to 5 % more
+    // instructions).
+    static constexpr int min_work = 4;
+
+    Expr mutate(const Expr &e) override {
+        if (!e.defined() || !e.type().is_scalar() || e.type().is_handle()) return IRMutator::mutate(e);
+        Reads reads;
+        e.accept(&reads);
+        if (reads.memory || reads.work < min_work || !shared_by_rows(reads)) return IRMutator::mutate(e);
+        return hoist(e);
     }
 };
 
