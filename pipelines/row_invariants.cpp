@@ -48,22 +48,15 @@ private:
         memory = true;
         IRVisitor::visit(op);
     }
-    void visit(const Select *op) override {
+    template <typename Op>
+    void counted(const Op *op) {
         work++;
         IRVisitor::visit(op);
     }
-    void visit(const Call *op) override {
-        work++;
-        IRVisitor::visit(op);
-    }
-    void visit(const Min *op) override {
-        work++;
-        IRVisitor::visit(op);
-    }
-    void visit(const Max *op) override {
-        work++;
-        IRVisitor::visit(op);
-    }
+    void visit(const Select *op) override { counted(op); }
+    void visit(const Call *op) override { counted(op); }
+    void visit(const Min *op) override { counted(op); }
+    void visit(const Max *op) override { counted(op); }
 };
 
 // Expressions of one row body that every row shares, each replaced by a
